@@ -1,0 +1,26 @@
+#pragma once
+
+// The only way into RapidJSON for this project. Its assertions must stay on
+// in every build type: a document of the wrong shape ends the process by
+// design, and NDEBUG would turn that into a null pointer read instead.
+#include "Sentrel/platform/Export.h"
+
+namespace Loom {
+// Reports a broken precondition like assert(3) does and aborts, in every build type.
+[[noreturn]] LOOM_API void assertionFailed(char const *expr, char const *file, int line);
+}
+
+#ifdef RAPIDJSON_ASSERT
+#error "RapidJSON must be included through Sentrel/platform/Json.h only"
+#endif
+#define RAPIDJSON_ASSERT(x) \
+   ((x) ? static_cast<void>(0) : ::Loom::assertionFailed(#x, __FILE__, __LINE__))
+#define RAPIDJSON_NOEXCEPT_ASSERT(x) RAPIDJSON_ASSERT(x)
+
+#include <rapidjson/document.h>
+#include <rapidjson/error/en.h>
+#include <rapidjson/filereadstream.h>
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/reader.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>

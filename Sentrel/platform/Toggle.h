@@ -1,0 +1,24 @@
+#pragma once
+
+#include <optional>
+
+#include "Sentrel/platform/Export.h"
+#include "Sentrel/platform/String.h"
+
+namespace Loom {
+
+// The feature-toggle facility: the toggle `name` of the JSON file `file` in
+// the toggle directory, or `defaultValue` when the file or name is absent.
+// A malformed file gives the default and one diagnostic on standard error.
+LOOM_API unsigned getToggleState(String const &name, String const &file, bool defaultValue);
+
+// The toggle directory: set explicitly, else $SENTREL_TOGGLES_DIR, else
+// /etc/sentrel/toggles.
+LOOM_API void toggleDirIs(String const &dir);
+LOOM_API String toggleDir();
+// nullopt when `dir` is a readable directory, else what is wrong with it.
+LOOM_API std::optional<String> toggleDirProblem(String const &dir);
+// How often a toggle has been asked for in this process.
+LOOM_API unsigned toggleQueryCountForTest(String const &name);
+
+}  // namespace Loom

@@ -1,0 +1,23 @@
+# One set of flags for every target of the project.
+add_library(sentrel_flags INTERFACE)
+target_compile_options(sentrel_flags INTERFACE -Wall -Wextra -Werror)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  # clang 14 in C++20 flags RapidJSON's own iterator comparisons.
+  target_compile_options(sentrel_flags INTERFACE -Wno-ambiguous-reversed-operator)
+endif()
+if(SENTREL_SANITIZE)
+  set(_san -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_compile_options(sentrel_flags INTERFACE ${_san})
+  target_link_options(sentrel_flags INTERFACE ${_san})
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_compile_options(sentrel_flags INTERFACE
+      -fsanitize-ignorelist=${PROJECT_SOURCE_DIR}/cmake/ubsan-ignore.txt)
+  endif()
+endif()
+if(SENTREL_FUZZ)
+  # Coverage for libFuzzer in every library; the harnesses link the fuzzer itself.
+  set(_fuzz -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all
+      -fsanitize-ignorelist=${PROJECT_SOURCE_DIR}/cmake/ubsan-ignore.txt)
+  target_compile_options(sentrel_flags INTERFACE ${_fuzz})
+  target_link_options(sentrel_flags INTERFACE -fsanitize=address,undefined)
+endif()
