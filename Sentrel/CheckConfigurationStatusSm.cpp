@@ -1,0 +1,111 @@
+#include "Sentrel/CheckConfigurationStatusSm.h"
+
+#include <cstdint>
+
+#include "Sentrel/LogCatalogue.h"
+#include "Sentrel/PlatformHelpers.h"
+#include "Sentrel/SentrelTrace.h"
+
+namespace Sentrel {
+
+namespace {
+
+constexpr std::uint16_t secureBootDisabledBit = 0x0001;
+constexpr std::uint16_t measuredBootEnabledBit = 0x0020;
+
+}  // namespace
+
+Loom::AllocationTracker CheckConfigurationStatusSm::memAllocationTracker_{
+   "Sentrel::CheckConfigurationStatusSm"};
+
+Loom::TypeInfo const &CheckConfigurationStatusSm::typeInfo() {
+   using S = CheckConfigurationStatusSm;
+   static Loom::TypeInfo const t{
+      "Sentrel::CheckConfigurationStatusSm",
+      {Loom::attr("entityManager", &S::entityManager),
+       Loom::attr("defaultSentrelStatus", &S::defaultSentrelStatus), Loom::attr("sbStatus", &S::sbStatus),
+       Loom::attr("initialized", &S::initialized, &S::initializedIs)},
+      {Loom::op("checkConfigurationStatus", &S::checkConfigurationStatus),
+       Loom::op("handleInitialized", &S::handleInitialized)},
+      nullptr};
+   return t;
+}
+
+Ptr<CheckConfigurationStatusSm> CheckConfigurationStatusSm::CheckConfigurationStatusSmIs(
+   Ptr<Ledger::EntityManager> const &entityManager,
+   Ptr<Hardware::Sentrel::Config const> const &defaultSentrelStatus,
+   Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
+   auto sm = Loom::make<CheckConfigurationStatusSm>(entityManager, defaultSentrelStatus, sbStatus);
+   sm->hasNotificationActiveIs(true);
+   return sm;
+}
+
+CheckConfigurationStatusSm::CheckConfigurationStatusSm(
+   Ptr<Ledger::EntityManager> const &entityManager,
+   Ptr<Hardware::Sentrel::Config const> const &defaultSentrelStatus,
+   Ptr<Tarn::Secureboot::Status const> const &sbStatus)
+    : entityManager_(entityManager),
+      defaultSentrelStatus_(defaultSentrelStatus),
+      sbStatus_(sbStatus),
+      defaultSentrelStatusReactor_(*this, defaultSentrelStatus.ptr(),
+                                   [this](unsigned attr) { handleDefaultSentrelStatusConfigReady(attr); }),
+      sbStatusReactor_(*this, sbStatus.ptr(), [this](unsigned attr) { handleSbStatusReady(attr); }) {
+   defaultSentrelStatusReactor_.subscribe();
+   sbStatusReactor_.subscribe();
+   if (toggleSentrelMfgExpectedConfigCheckEnabled()) handleInitialized();
+}
+
+CheckConfigurationStatusSm::~CheckConfigurationStatusSm() {
+   hasNotificationActiveIs(false);
+   defaultSentrelStatusReactor_.unsubscribe();
+   sbStatusReactor_.unsubscribe();
+   loomDoZombieReactors(true);
+}
+
+void CheckConfigurationStatusSm::handleDefaultSentrelStatusConfigReady(unsigned attr) {
+   if (zombie() || attr != Hardware::Sentrel::Config::Attr::configReady) return;
+   if (toggleSentrelMfgExpectedConfigCheckEnabled()) checkConfigurationStatus();
+}
+
+void CheckConfigurationStatusSm::handleSbStatusReady(unsigned attr) {
+   if (zombie() || attr != Tarn::Secureboot::Status::Attr::ready) return;
+   if (toggleSentrelMfgExpectedConfigCheckEnabled()) checkConfigurationStatus();
+}
+
+void CheckConfigurationStatusSm::handleInitialized() {
+   TRACE7("void Sentrel::CheckConfigurationStatusSm::handleInitialized()");
+   checkConfigurationStatus();
+   initialized_ = true;
+}
+
+void CheckConfigurationStatusSm::checkConfigurationStatus() {
+   TRACE7("void Sentrel::CheckConfigurationStatusSm::checkConfigurationStatus()");
+   if (!defaultSentrelStatus_ || !sbStatus_) {
+      TRACE2("defaultSentrelStatus or sbStatus is null, skipping");
+      return;
+   }
+   if (!defaultSentrelStatus_->configReady() || !sbStatus_->ready()) {
+      TRACE2("defaultSentrelStatus or sbStatus is not ready, skipping");
+      return;
+   }
+   std::uint16_t const flags = sbStatus_->statusFlags();
+   // Only a setting that is off against an "on" default is an operator
+   // matter; the reverse is merely noted. The two bits read in opposite
+   // senses: bit 0 says secure boot is off, bit 5 says measured boot is on.
+   bool const secureBootOff = (flags & secureBootDisabledBit) != 0;
+   bool const secureBootDefault = defaultSentrelStatus_->secureBootEnabled();
+   if (secureBootOff && secureBootDefault) {
+      Loom::log(SENTREL_WARNING, "Secure boot", "disabled", "enabled");
+   } else if (!secureBootOff && !secureBootDefault) {
+      TRACE2("SecureBoot is currently enabled (default: disabled)");
+   }
+   bool const measuredBootOn = (flags & measuredBootEnabledBit) != 0;
+   bool const measuredBootDefault = defaultSentrelStatus_->measuredBootEnabled();
+   if (measuredBootOn && !measuredBootDefault) {
+      TRACE2("MeasuredBoot is currently enabled (default: disabled)");
+   } else if (!measuredBootOn && measuredBootDefault) {
+      Loom::log(SENTREL_WARNING, "Measured boot", "disabled", "enabled");
+   }
+}
+
+}  // namespace Sentrel

@@ -1,0 +1,214 @@
+#include "Sentrel/FirstInstructionSecuritySm.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <fcntl.h>
+#include <fstream>
+#include <cctype>
+#include <unistd.h>
+
+#include "Sentrel/PlatformHelpers.h"
+#include "Sentrel/SentrelTrace.h"
+#include "Sentrel/platform/Sysroot.h"
+
+namespace Sentrel {
+
+namespace {
+
+char const kMsrPath[] = "/dev/cpu/0/msr";
+off_t const kBootGuardMsr = 0x13A;
+std::uint64_t const kBootGuardPresent = std::uint64_t{1} << 32;
+std::uint64_t const kVerifiedBootEnforced = 0x40;
+std::uint64_t const kMeasuredBootActive = 0x20;
+// The key hash fused into development platforms.
+char const kDevConfigKeyHash[] = "a71ccf391616919449c7e2368b42002ca8cabfe19012cb0bb6692949a6309e3c";
+
+char const kPsbStatusPath[] = "/sys/firmware/efi/efivars/PsbStatus-f64c554f-d43b-4c82-9e1e-c261e17f7a01";
+// The 4-byte attributes word of the variable and its 76 bytes of data.
+std::streamsize const kPsbStatusSize = 80;
+std::size_t const kPsbModelRevisionByte = 73;
+std::size_t const kPsbFlagsByte = 75;
+unsigned const kPsbEnabledAndFused = 0x11;
+unsigned const kPsbDevConfig = 0x02;
+
+// Closes the register file on every way out, after the commands have run.
+class FdCloser {
+ public:
+   explicit FdCloser(int fd) : fd_(fd) {}
+   FdCloser(FdCloser const &) = delete;
+   FdCloser &operator=(FdCloser const &) = delete;
+   ~FdCloser() { close(fd_); }
+
+ private:
+   int fd_;
+};
+
+}  // namespace
+
+std::optional<String> searchVendorId(String const &output) {
+   // The first match of the ECMAScript search "Vendor ID:\s*(.*)", group 1,
+   // scanned by hand: std::regex recurses once per character it repeats over,
+   // and a long enough line would overflow the stack. \s takes line ends too;
+   // . stops at a line feed or a carriage return.
+   static char const label[] = "Vendor ID:";
+   auto const at = output.find(label);
+   if (at == String::npos) return std::nullopt;
+   std::size_t begin = at + sizeof label - 1;
+   while (begin < output.size() && std::isspace(static_cast<unsigned char>(output[begin]))) ++begin;
+   std::size_t end = begin;
+   while (end < output.size() && output[end] != '\n' && output[end] != '\r') ++end;
+   return output.substr(begin, end - begin);
+}
+
+Loom::AllocationTracker FirstInstructionSecuritySm::memAllocationTracker_{
+   "Sentrel::FirstInstructionSecuritySm"};
+
+Loom::TypeInfo const &FirstInstructionSecuritySm::typeInfo() {
+   using S = FirstInstructionSecuritySm;
+   static Loom::TypeInfo const t{
+      "Sentrel::FirstInstructionSecuritySm",
+      {Loom::attr("entityManager", &S::entityManager),
+       Loom::attr("firstInstructionSecurity", &S::firstInstructionSecurity),
+       Loom::attr("initialized", &S::initialized, &S::initializedIs)},
+      {Loom::op("getCpuVendorId", &S::getCpuVendorId), Loom::op("getBootGuardStatus", &S::getBootGuardStatus),
+       Loom::op("getPsbStatus", &S::getPsbStatus), Loom::op("handleInitialized", &S::handleInitialized)},
+      nullptr};
+   return t;
+}
+
+Ptr<FirstInstructionSecuritySm> FirstInstructionSecuritySm::FirstInstructionSecuritySmIs(
+   Ptr<Ledger::EntityManager> const &entityManager, Ptr<FirstInstructionSecurity> const &firstInstructionSecurity) {
+   auto sm = Loom::make<FirstInstructionSecuritySm>(entityManager, firstInstructionSecurity);
+   sm->hasNotificationActiveIs(true);
+   return sm;
+}
+
+FirstInstructionSecuritySm::FirstInstructionSecuritySm(
+   Ptr<Ledger::EntityManager> const &entityManager, Ptr<FirstInstructionSecurity> const &firstInstructionSecurity)
+    : entityManager_(entityManager), firstInstructionSecurity_(firstInstructionSecurity) {
+   handleInitialized();
+}
+
+FirstInstructionSecuritySm::~FirstInstructionSecuritySm() { hasNotificationActiveIs(false); }
+
+void FirstInstructionSecuritySm::handleInitialized() {
+   TRACE7("void Sentrel::FirstInstructionSecuritySm::handleInitialized()");
+   if (!togglePlatformFirstInstructionSecurityEnabled()) {
+      initialized_ = true;
+      return;
+   }
+   getCpuVendorId();
+   auto &fis = *firstInstructionSecurity_;
+   fis.supportedIs(false);
+   fis.systemFusedIs(false);
+   fis.devConfigIs(false);
+   fis.verifiedbootEnabledIs(false);
+   fis.measuredbootEnabledIs(false);
+   String const vendor = fis.cpuVendor();
+   if (vendor == "GenuineIntel") {
+      getBootGuardStatus();
+   } else if (vendor == "GenuineIotel") {
+      // A second Intel spelling, kept on purpose: it takes the same path.
+      getBootGuardStatus();
+   } else if (vendor == "AuthenticAMD") {
+      getPsbStatus();
+   }
+   initialized_ = true;
+}
+
+void FirstInstructionSecuritySm::getCpuVendorId() {
+   TRACE7("void Sentrel::FirstInstructionSecuritySm::getCpuVendorId()");
+   String output;
+   if (!runCmd("lscpu", output)) return;
+   auto const found = searchVendorId(output);
+   if (!found) {
+      TRACE2("Cannot find vendor ID in lscpu");
+      return;
+   }
+   String const &vendor = *found;
+   TRACE2("Logging CPU vendor ID: " << vendor);
+   firstInstructionSecurity_->cpuVendorIs(vendor);
+}
+
+void FirstInstructionSecuritySm::getBootGuardStatus() {
+   TRACE7("void Sentrel::FirstInstructionSecuritySm::getBootGuardStatus()");
+   auto &fis = *firstInstructionSecurity_;
+   // Published first, so that a platform whose register cannot be read still
+   // shows an (empty) key hash.
+   fis.vendorSpecificIs(VendorSpecific{std::in_place_index<0>, String()});
+
+   // Close-on-exec: the file stays open while BootGuardUtil runs.
+   int const fd = open(Loom::sysrootPath(kMsrPath).c_str(), O_RDONLY | O_CLOEXEC);
+   if (fd < 0) {
+      TRACE2("Cannot open " << kMsrPath);
+      return;
+   }
+   FdCloser const closer(fd);
+   if (lseek(fd, kBootGuardMsr, SEEK_SET) == -1) {
+      TRACE2("lseek fail errno: " << errno);
+      return;
+   }
+   unsigned char bytes[8];
+   if (read(fd, bytes, sizeof bytes) != static_cast<ssize_t>(sizeof bytes)) {
+      TRACE2("read fail errno: " << errno);
+      return;
+   }
+   std::uint64_t msr = 0;
+   for (std::size_t i = sizeof bytes; i-- > 0;) msr = (msr << 8) | bytes[i];
+   if (!(msr & kBootGuardPresent)) return;
+
+   fis.supportedIs(true);
+   if (msr & kVerifiedBootEnforced) fis.verifiedbootEnabledIs(true);
+   if (msr & kMeasuredBootActive) fis.measuredbootEnabledIs(true);
+
+   String fused;
+   if (runCmd("BootGuardUtil fuse --status", fused)) fis.systemFusedIs(fused == "True");
+   String keyHash;
+   if (runCmd("BootGuardUtil fuse --key-hash", keyHash)) {
+      if (keyHash == kDevConfigKeyHash) fis.devConfigIs(true);
+      fis.vendorSpecificIs(VendorSpecific{std::in_place_index<0>, keyHash});
+   }
+}
+
+void FirstInstructionSecuritySm::getPsbStatus() {
+   TRACE7("void Sentrel::FirstInstructionSecuritySm::getPsbStatus()");
+   auto &fis = *firstInstructionSecurity_;
+   VendorSpecific value{std::in_place_index<1>, ModelRevisionId{0, 0}};
+
+   std::ifstream file(Loom::sysrootPath(kPsbStatusPath));
+   if (!file.is_open()) {
+      TRACE2("Cannot open EFI variable file");
+      fis.vendorSpecificIs(value);
+      return;
+   }
+   char data[kPsbStatusSize];
+   file.read(data, kPsbStatusSize);
+   if (!file) {
+      if (file.gcount() == kPsbStatusSize) {
+         TRACE2("Cannot read EFI variable file");
+      } else {
+         TRACE2("Error, EFI variable file smaller than expected, Expected "
+                << kPsbStatusSize << " bytes, but only " << file.gcount() << " bytes were read");
+      }
+      return;
+   }
+   if (file.peek() != std::ifstream::traits_type::eof()) {
+      TRACE2("Error, EFI variable file larger than expected size " << kPsbStatusSize);
+      return;
+   }
+
+   fis.supportedIs(true);
+   auto const flags = static_cast<unsigned char>(data[kPsbFlagsByte]);
+   // Bit 1 counts only on a platform that is enabled and fused.
+   if ((flags & kPsbEnabledAndFused) == kPsbEnabledAndFused) {
+      fis.verifiedbootEnabledIs(true);
+      fis.systemFusedIs(true);
+      if (flags & kPsbDevConfig) fis.devConfigIs(true);
+   }
+   auto const id = static_cast<unsigned char>(data[kPsbModelRevisionByte]);
+   value = ModelRevisionId{static_cast<std::uint8_t>(id >> 4), static_cast<std::uint8_t>(id & 0x0F)};
+   fis.vendorSpecificIs(value);
+   file.close();
+}
+
+}  // namespace Sentrel

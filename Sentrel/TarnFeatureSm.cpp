@@ -1,0 +1,203 @@
+#include "Sentrel/TarnFeatureSm.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <limits>
+#include <cctype>
+#include <optional>
+#include <string>
+
+#include "Sentrel/LogCatalogue.h"
+#include "Sentrel/SentrelTrace.h"
+#include "Sentrel/platform/Sysroot.h"
+
+namespace Sentrel {
+
+Loom::AllocationTracker TarnFeatureSm::memAllocationTracker_{"Sentrel::TarnFeatureSm"};
+
+Loom::TypeInfo const &TarnFeatureSm::typeInfo() {
+   using S = TarnFeatureSm;
+   static Loom::TypeInfo const t{
+      "Sentrel::TarnFeatureSm",
+      {Loom::attr("entityManager", &S::entityManager), Loom::attr("tarnFeatureStatus", &S::tarnFeatureStatus),
+       Loom::attr("sbStatus", &S::sbStatus), Loom::attr("initialized", &S::initialized, &S::initializedIs)},
+      {Loom::op("getRevisionFromFeaturesFile", &S::getRevisionFromFeaturesFile),
+       Loom::op("populateSbOutdatedFromSbVersion", &S::populateSbOutdatedFromSbVersion),
+       Loom::op("getRunningTarnVersion", &S::getRunningTarnVersion),
+       Loom::op("checkTarnDeprecation", &S::checkTarnDeprecation),
+       Loom::op("checkPcrMultibankSupported", &S::checkPcrMultibankSupported),
+       Loom::op("checkMeasuredbootSupported", &S::checkMeasuredbootSupported),
+       Loom::op("handleInitialized", &S::handleInitialized)},
+      nullptr};
+   return t;
+}
+
+Ptr<TarnFeatureSm> TarnFeatureSm::TarnFeatureSmIs(Ptr<Ledger::EntityManager> const &entityManager,
+                                                  Ptr<Tarn::Features::Status> const &tarnFeatureStatus,
+                                                  Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
+   auto sm = Loom::make<TarnFeatureSm>(entityManager, tarnFeatureStatus, sbStatus);
+   sm->hasNotificationActiveIs(true);
+   return sm;
+}
+
+TarnFeatureSm::TarnFeatureSm(Ptr<Ledger::EntityManager> const &entityManager,
+                             Ptr<Tarn::Features::Status> const &tarnFeatureStatus,
+                             Ptr<Tarn::Secureboot::Status const> const &sbStatus)
+    : entityManager_(entityManager),
+      tarnFeatureStatus_(tarnFeatureStatus),
+      sbStatus_(sbStatus),
+      sbStatusDispatch_(*this, sbStatus.ptr(), [this](unsigned attr) { sbStatusDispatch(attr); }) {
+   sbStatusDispatch_.subscribe();
+   handleInitialized();
+}
+
+TarnFeatureSm::~TarnFeatureSm() {
+   hasNotificationActiveIs(false);
+   loomDoZombieReactors(true);
+}
+
+void TarnFeatureSm::sbStatusDispatch(unsigned attr) {
+   if (zombie()) return;
+   if (attr != Tarn::Secureboot::Status::Attr::supported) return;
+   // The revisions read at start-up stand; only the checks gated by
+   // `supported` are run again.
+   checkTarnDeprecation();
+   checkMeasuredbootSupported();
+}
+
+void TarnFeatureSm::handleInitialized() {
+   TRACE7("void Sentrel::TarnFeatureSm::handleInitialized()");
+   getRevisionFromFeaturesFile();
+   checkTarnDeprecation();
+   checkPcrMultibankSupported();
+   checkMeasuredbootSupported();
+   initialized_ = true;
+}
+
+namespace {
+
+enum class RevisionParse { ok, notAnInteger, outOfRange };
+
+// Reads a signed decimal int the way std::stoi does (leading blanks, an
+// optional sign, digits up to the first non-digit), without its exceptions.
+RevisionParse parseRevision(std::string const &text, int &out) {
+   char const *begin = text.c_str();
+   char *end = nullptr;
+   errno = 0;
+   long const value = std::strtol(begin, &end, 10);
+   if (end == begin) return RevisionParse::notAnInteger;
+   if (errno == ERANGE || value < std::numeric_limits<int>::min() || value > std::numeric_limits<int>::max()) {
+      return RevisionParse::outOfRange;
+   }
+   out = static_cast<int>(value);
+   return RevisionParse::ok;
+}
+
+}  // namespace
+
+std::optional<std::string> searchTarnEntry(std::string const &line) {
+   // The leftmost match of the ECMAScript search "Tarn=\S+", scanned by hand:
+   // std::regex recurses once per character of the match, and a long enough
+   // line would overflow the stack.
+   auto const space = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
+   for (auto at = line.find("Tarn="); at != std::string::npos; at = line.find("Tarn=", at + 1)) {
+      std::size_t end = at + 5;
+      while (end < line.size() && !space(line[end])) ++end;
+      if (end > at + 5) return line.substr(at, end - at);
+   }
+   return std::nullopt;
+}
+
+void TarnFeatureSm::getRevisionFromFeaturesFile() {
+   TRACE7("void Sentrel::TarnFeatureSm::getRevisionFromFeaturesFile()");
+   Loom::String const path = tarnFeatureStatus_->featuresFilePath();
+   std::ifstream file(path);
+   if (!file.is_open()) {
+      TRACE2("Cannot open Tarn features file");
+      return;
+   }
+   std::string line;
+   while (std::getline(file, line)) {
+      auto const colon = line.find(':');
+      if (colon == std::string::npos || colon + 1 == line.size()) continue;
+      int revision = 0;
+      switch (parseRevision(line.substr(colon + 1), revision)) {
+      case RevisionParse::notAnInteger:
+         TRACE2("Invalid value for version number, not an integer");
+         break;
+      case RevisionParse::outOfRange:
+         TRACE2("Value for version number out of range");
+         break;
+      case RevisionParse::ok:
+         // Negative revisions keep their two's complement on purpose.
+         tarnFeatureStatus_->featureRevIs(line.substr(0, colon), static_cast<std::uint32_t>(revision));
+         break;
+      }
+   }
+   file.close();
+}
+
+void TarnFeatureSm::populateSbOutdatedFromSbVersion() {
+   TRACE7("void Sentrel::TarnFeatureSm::populateSbOutdatedFromSbVersion()");
+   auto const &revs = tarnFeatureStatus_->featureRev();
+   auto const sb = revs.find("secureboot");
+   tarnFeatureStatus_->sbOutdatedIs(sb != revs.end() && sb->second < 27);
+}
+
+Loom::String TarnFeatureSm::getRunningTarnVersion() {
+   TRACE7("Loom::String Sentrel::TarnFeatureSm::getRunningTarnVersion()");
+   static char const fallback[] = "This version of Tarn";
+   std::ifstream cmdline(Loom::sysrootPath("/proc/cmdline"));
+   if (!cmdline.is_open()) {
+      TRACE2("Cannot open /proc/cmdline");
+      return fallback;
+   }
+   std::string line;
+   std::getline(cmdline, line);
+   if (auto entry = searchTarnEntry(line)) return *entry;
+   TRACE2("Cannot find Tarn version in /proc/cmdline");
+   return fallback;
+}
+
+void TarnFeatureSm::checkTarnDeprecation() {
+   TRACE7("void Sentrel::TarnFeatureSm::checkTarnDeprecation()");
+   if (!sbStatus_->supported()) {
+      tarnFeatureStatus_->sbOutdatedIs(false);
+      return;
+   }
+   populateSbOutdatedFromSbVersion();
+   if (!tarnFeatureStatus_->sbOutdated()) return;
+   TRACE2("Logging Tarn Deprecation Warning");
+   Loom::String const version = getRunningTarnVersion();
+   Loom::log(TARN_DEPRECATION_WARNING, version.c_str());
+}
+
+void TarnFeatureSm::checkPcrMultibankSupported() {
+   TRACE7("void Sentrel::TarnFeatureSm::checkPcrMultibankSupported()");
+   auto const &revs = tarnFeatureStatus_->featureRev();
+   auto const sb = revs.find("secureboot");
+   if (sb == revs.end()) {
+      tarnFeatureStatus_->pcrMultibankSupportedIs(false);
+      return;
+   }
+   // Published before the bootguard veto is looked at; subscribers may see
+   // true and then false within one run.
+   tarnFeatureStatus_->pcrMultibankSupportedIs(sb->second > 53);
+   auto const bg = revs.find("bootguard");
+   if (bg != revs.end() && bg->second <= 9) tarnFeatureStatus_->pcrMultibankSupportedIs(false);
+}
+
+void TarnFeatureSm::checkMeasuredbootSupported() {
+   TRACE7("void Sentrel::TarnFeatureSm::checkMeasuredbootSupported()");
+   if (!sbStatus_->supported()) {
+      tarnFeatureStatus_->measuredbootSupportedIs(false);
+      return;
+   }
+   auto const &revs = tarnFeatureStatus_->featureRev();
+   auto const sb = revs.find("secureboot");
+   tarnFeatureStatus_->measuredbootSupportedIs(sb != revs.end() && sb->second > 28);
+}
+
+}  // namespace Sentrel

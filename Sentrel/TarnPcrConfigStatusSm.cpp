@@ -1,0 +1,154 @@
+#include "Sentrel/TarnPcrConfigStatusSm.h"
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+#include "Sentrel/LogCatalogue.h"
+#include "Sentrel/PlatformHelpers.h"
+#include "Sentrel/SentrelTrace.h"
+
+namespace Sentrel {
+
+namespace {
+
+bool beginsWith(std::string const &line, char const *keyword) {
+   return std::string_view(line).starts_with(keyword);
+}
+
+}  // namespace
+
+Loom::AllocationTracker TarnPcrConfigStatusSm::memAllocationTracker_{"Sentrel::TarnPcrConfigStatusSm"};
+
+Loom::TypeInfo const &TarnPcrConfigStatusSm::typeInfo() {
+   using S = TarnPcrConfigStatusSm;
+   static Loom::TypeInfo const t{
+      "Sentrel::TarnPcrConfigStatusSm",
+      {Loom::attr("entityManager", &S::entityManager),
+       Loom::attr("tarnPcrConfigStatus", &S::tarnPcrConfigStatus), Loom::attr("sbStatus", &S::sbStatus),
+       Loom::attr("initialized", &S::initialized, &S::initializedIs)},
+      {Loom::op("logPcrConfigError", &S::logPcrConfigError),
+       Loom::op("checkPcrConfigErrorLog", &S::checkPcrConfigErrorLog),
+       Loom::op("readRequiredPcrBank", &S::readRequiredPcrBank),
+       Loom::op("readConfiguredPcrBank", &S::readConfiguredPcrBank),
+       Loom::op("handleInitialized", &S::handleInitialized)},
+      nullptr};
+   return t;
+}
+
+Ptr<TarnPcrConfigStatusSm> TarnPcrConfigStatusSm::TarnPcrConfigStatusSmIs(
+   Ptr<Ledger::EntityManager> const &entityManager, Ptr<Tarn::PcrConfig::Status> const &tarnPcrConfigStatus,
+   Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
+   auto sm = Loom::make<TarnPcrConfigStatusSm>(entityManager, tarnPcrConfigStatus, sbStatus);
+   sm->hasNotificationActiveIs(true);
+   return sm;
+}
+
+TarnPcrConfigStatusSm::TarnPcrConfigStatusSm(Ptr<Ledger::EntityManager> const &entityManager,
+                                             Ptr<Tarn::PcrConfig::Status> const &tarnPcrConfigStatus,
+                                             Ptr<Tarn::Secureboot::Status const> const &sbStatus)
+    : entityManager_(entityManager), tarnPcrConfigStatus_(tarnPcrConfigStatus), sbStatus_(sbStatus) {
+   handleInitialized();
+}
+
+TarnPcrConfigStatusSm::~TarnPcrConfigStatusSm() { hasNotificationActiveIs(false); }
+
+void TarnPcrConfigStatusSm::handleInitialized() {
+   TRACE7("void Sentrel::TarnPcrConfigStatusSm::handleInitialized()");
+   if (togglePcrMultibankEnabled()) {
+      readRequiredPcrBank();
+      readConfiguredPcrBank();
+      checkPcrConfigErrorLog();
+   }
+   initialized_ = true;
+}
+
+void TarnPcrConfigStatusSm::readRequiredPcrBank() {
+   TRACE7("void Sentrel::TarnPcrConfigStatusSm::readRequiredPcrBank()");
+   std::ifstream file(tarnPcrConfigStatus_->requiredPcrBankFilePath());
+   if (!file.is_open()) {
+      TRACE2("Cannot open " << tarnPcrConfigStatus_->requiredPcrBankFilePath());
+      return;
+   }
+   // Any white space separates, so the file's line structure does not matter.
+   std::string bank;
+   while (file >> bank) tarnPcrConfigStatus_->requiredPcrBankIs(bank);
+}
+
+void TarnPcrConfigStatusSm::readConfiguredPcrBank() {
+   TRACE7("void Sentrel::TarnPcrConfigStatusSm::readConfiguredPcrBank()");
+   std::ifstream file(tarnPcrConfigStatus_->configuredPcrBankFilePath());
+   if (!file.is_open()) {
+      // Names the required-bank file, not this one, as this message always has.
+      TRACE2("Cannot open " << tarnPcrConfigStatus_->requiredPcrBankFilePath());
+      return;
+   }
+   static constexpr char prefix[] = "PCRBANK=";
+   std::string line;
+   while (std::getline(file, line, '\n')) {
+      if (!beginsWith(line, prefix)) continue;
+      // Pieces are kept exactly as written: a trailing "+" adds nothing, an
+      // empty piece before a "+" is kept, and nothing is trimmed.
+      std::istringstream banks(line.substr(sizeof prefix - 1));
+      std::string bank;
+      while (std::getline(banks, bank, '+')) tarnPcrConfigStatus_->configuredPcrBankIs(bank);
+      return;
+   }
+}
+
+void TarnPcrConfigStatusSm::checkPcrConfigErrorLog() {
+   TRACE7("void Sentrel::TarnPcrConfigStatusSm::checkPcrConfigErrorLog()");
+   std::ifstream file(tarnPcrConfigStatus_->errorLogFilePath());
+   if (!file.is_open()) {
+      // The flags of an earlier run stand until a log can be read again.
+      TRACE2("Cannot open Tarn PCR config error log file");
+      return;
+   }
+   auto &status = *tarnPcrConfigStatus_;
+   status.requiredPcrNotConfiguredIs(false);
+   status.requiredPcrNotEnabledIs(false);
+   status.pcrConfigFoundOnTpm12Is(false);
+   std::string line;
+   while (std::getline(file, line, '\n')) {
+      if (beginsWith(line, "REQUIRED_PCR_NOT_CONFIGURED")) {
+         TRACE2("REQUIRED_PCR_NOT_CONFIGURED error found");
+         status.requiredPcrNotConfiguredIs(true);
+      } else if (beginsWith(line, "REQUIRED_PCR_NOT_ENABLED")) {
+         TRACE2("REQUIRED_PCR_NOT_ENABLED error found");
+         status.requiredPcrNotEnabledIs(true);
+      } else if (beginsWith(line, "PCR_CONFIG_FOUND_ON_TPM12")) {
+         TRACE2("PCR_CONFIG_FOUND_ON_TPM12 error found");
+         status.pcrConfigFoundOnTpm12Is(true);
+      }
+   }
+   logPcrConfigError();
+   file.close();
+}
+
+void TarnPcrConfigStatusSm::logPcrConfigError() {
+   TRACE7("void Sentrel::TarnPcrConfigStatusSm::logPcrConfigError()");
+   auto const &status = *tarnPcrConfigStatus_;
+   std::string notEnabled;
+   std::string notConfigured;
+   for (auto const &bank : status.requiredPcrBank()) {
+      if (!sbStatus_->enabledPcrBank().contains(bank)) notEnabled += bank + " ";
+      if (!status.configuredPcrBank().contains(bank)) notConfigured += bank + " ";
+   }
+   // The flags decide; the lists only name the banks, and may be empty.
+   if (status.requiredPcrNotConfigured()) {
+      TRACE2("Logging PCR bank config warning due to required PCR bank not configured");
+      Loom::log(MEASUREDBOOT_PCR_CONFIG_WARNING,
+                "Required PCR bank " + notConfigured + "is not configured in PCRBANK");
+   }
+   if (status.requiredPcrNotEnabled()) {
+      TRACE2("Logging PCR bank config warning due to required PCR bank not enabled");
+      Loom::log(MEASUREDBOOT_PCR_CONFIG_WARNING, "Required PCR bank " + notEnabled + "is not currently enabled");
+   }
+   if (status.pcrConfigFoundOnTpm12()) {
+      TRACE2("Logging PCR config warning due to PCR bank config found on TPM 1.2 system");
+      Loom::log(MEASUREDBOOT_PCR_CONFIG_WARNING, "PCR bank boot-config found on TPM 1.2 system");
+   }
+}
+
+}  // namespace Sentrel
