@@ -1,0 +1,215 @@
+#include "host/Host.h"
+
+#include <cstdio>
+#include <dlfcn.h>
+#include <filesystem>
+#include <unistd.h>
+
+#include "Sentrel/platform/RunCommand.h"
+#include "Sentrel/platform/Sysroot.h"
+#include "Sentrel/platform/Toggle.h"
+#include "Sentrel/types/StateTree.h"
+#include "host/LiveInputs.h"
+#include "host/ValueJson.h"
+
+namespace SentrelHost {
+
+namespace {
+
+// The factory's name as the linker knows it: Sentrel::agentFactory(Loom::String).
+char const *const kFactorySymbol =
+   "_ZN7Sentrel12agentFactoryENSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE";
+
+String besideExecutable(char const *relative) {
+   char buf[4096];
+   ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+   if (n <= 0) return relative;
+   String exe(buf, static_cast<std::size_t>(n));
+   return exe.substr(0, exe.rfind('/') + 1) + relative;
+}
+
+String at(String const &file, std::size_t offset, String const &problem) {
+   return file + ": byte " + std::to_string(offset) + ": " + problem;
+}
+
+// An attribute's value as JSON, "absent" for a missing entity, "" for the
+// whole entity when it exists.
+String entityValueJson(Ledger::EntityManager const &em, String const &path, String const &attr) {
+   auto e = em.lookup(path);
+   if (!e) return "absent";
+   auto const *a = attr.empty() ? nullptr : e->typeData().attr(attr);
+   if (!a) return {};
+   rapidjson::StringBuffer buf;
+   rapidjson::Writer<rapidjson::StringBuffer> w(buf);
+   writeJsonValue(w, a->get(*e));
+   return String(buf.GetString(), buf.GetSize());
+}
+
+// Sets an attribute from a JSON value: sets and maps take every element.
+std::optional<String> assign(Loom::Object &o, Loom::AttrInfo const &attr, Loom::Value const &v) {
+   if (attr.kind == Loom::Kind::StringSet) {
+      for (auto const &s : std::get<std::vector<String>>(v)) {
+         if (auto e = attr.insert(o, s)) return e;
+      }
+      return std::nullopt;
+   }
+   if (attr.kind == Loom::Kind::StringU32Map) return attr.insert(o, v);
+   if (!attr.set) return "cannot be set";
+   return attr.set(o, v);
+}
+
+}  // namespace
+
+Host::Host(Options options) : options_(std::move(options)) {
+   if (options_.toggles) {
+      if (auto p = Loom::toggleDirProblem(*options_.toggles)) {
+         throw UsageError("--toggles " + *options_.toggles + ": " + *p);
+      }
+      Loom::toggleDirIs(*options_.toggles);
+   } else if (char const *env = std::getenv("SENTREL_TOGGLES_DIR")) {
+      if (auto p = Loom::toggleDirProblem(env)) throw UsageError(String("SENTREL_TOGGLES_DIR ") + env + ": " + *p);
+   }
+   if (options_.sysroot) Loom::sysrootIs(*options_.sysroot);
+   std::optional<String> levels = options_.trace;
+   char const *source = "--trace";
+   if (!levels && std::getenv("SENTREL_TRACE")) levels = std::getenv("SENTREL_TRACE"), source = "SENTREL_TRACE";
+   if (levels) {
+      auto mask = Loom::parseTraceLevels(*levels);
+      if (!mask) throw UsageError(String(source) + " takes levels 0 to 9 such as 2, 2,7 or 0-9, not '" + *levels + "'");
+      userTraceLevels_ = *mask;
+   }
+   // Level 2 is always on: its records are the reasons for missing facts.
+   // The user sees only the levels asked for.
+   Loom::traceLevelsIs("Sentrel", userTraceLevels_ | 1u << 2);
+   Loom::traceSinkIs([this](Loom::TraceRecord const &r) {
+      bool const ours = r.facility == "Sentrel";
+      if (ours && r.level == 2) problems_.push_back(r);
+      if (ours && !((userTraceLevels_ >> r.level) & 1u)) return;
+      if (options_.format == Format::Json) {
+         traces_.push_back(r);
+      } else {
+         std::fprintf(stderr, "%s:%d %s [%s/%d] %s\n", r.source, r.line, r.function, r.facility.c_str(), r.level,
+                      r.text.c_str());
+      }
+   });
+   Loom::logSinkIs([this](Loom::LogRecord const &r) { logs_.push_back(r); });
+   Loom::logSyslogIs(options_.syslog, "Sentrel");
+}
+
+Host::~Host() {
+   agent_ = nullptr;
+   em_ = nullptr;
+   Loom::traceSinkIs(nullptr);
+   Loom::traceLevelsIs("Sentrel", userTraceLevels_);
+   Loom::logSinkIs(nullptr);
+}
+
+void Host::loadAgent() {
+   String const path = options_.agentPath.empty() ? besideExecutable("../lib/libSentrel.so") : options_.agentPath;
+   // Never unloaded: the agent's statics (log handles) live until exit.
+   void *handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+   if (!handle) throw UsageError("cannot load the agent " + path + ": " + dlerror());
+   void *sym = dlsym(handle, kFactorySymbol);
+   if (!sym) throw UsageError("the agent " + path + " has no Sentrel::agentFactory");
+   factory_ = reinterpret_cast<Factory>(sym);
+}
+
+void Host::seedLedger() {
+   em_ = Loom::make<Ledger::EntityManager>();
+   Sentrel::stateTreeSeed(*em_);
+}
+
+void Host::applyLive() {
+   for (auto &d : fillLiveInputs(*em_)) {
+      String value = entityValueJson(*em_, d.entity, d.attribute);
+      live_.push_back({std::move(d), std::move(value)});
+   }
+}
+
+std::vector<Diagnostic> Host::diagnostics() const {
+   std::vector<Diagnostic> live;
+   for (auto const &f : live_) {
+      auto const &d = f.diagnostic;
+      if (stated_.count({d.entity, ""}) || stated_.count({d.entity, d.attribute})) continue;
+      if (entityValueJson(*em_, d.entity, d.attribute) != f.value) continue;
+      live.push_back(d);
+   }
+   return diagnose(*em_, problems_, live);
+}
+
+void Host::applyState(String const &path, String const &text) {
+   JsonError err;
+   auto root = parseJson(text, err);
+   if (!root) throw UsageError(at(path, err.offset, err.message));
+   if (root->type != JsonNode::Object) throw UsageError(at(path, root->offset, "expected an object with \"entities\""));
+   String const dir = std::filesystem::absolute(path).parent_path().string();
+   std::set<String> nulled;
+   for (auto const &[key, entities] : root->members) {
+      if (key.text != "entities") throw UsageError(at(path, key.offset, "unknown member \"" + key.text + "\""));
+      if (entities.type != JsonNode::Object) throw UsageError(at(path, entities.offset, "expected an object of entities"));
+      for (auto const &[pathKey, attrs] : entities.members) {
+         auto const *entry = Sentrel::stateTreeEntry(pathKey.text);
+         if (!entry) throw UsageError(at(path, pathKey.offset, "unknown entity path \"" + pathKey.text + "\""));
+         if (attrs.type == JsonNode::Null) {
+            em_->entityDel(entry->path);
+            nulled.insert(entry->path);
+            stated_.insert({entry->path, ""});
+            continue;
+         }
+         if (attrs.type != JsonNode::Object) {
+            throw UsageError(at(path, attrs.offset, "expected an object of attributes or null"));
+         }
+         auto entity = em_->lookup(entry->path);
+         if (!entity && !nulled.count(entry->path)) {
+            // Made absent by the live inputs: the state file brings it back,
+            // at its defaults.
+            em_->entityIs(entry->path, Loom::ptrCast<Loom::Entity>(Loom::findType(entry->typeName)->create()));
+            entity = em_->lookup(entry->path);
+            stated_.insert({entry->path, ""});
+         }
+         if (!entity) throw UsageError(at(path, attrs.offset, "entity \"" + pathKey.text + "\" was made absent above"));
+         for (auto const &[attrKey, value] : attrs.members) {
+            auto const *attr = entity->typeData().attr(attrKey.text);
+            if (!attr || attr->kind == Loom::Kind::Ref) {
+               throw UsageError(at(path, attrKey.offset, "unknown attribute \"" + attrKey.text + "\" of " + pathKey.text));
+            }
+            auto c = valueFromJson(*attr, value, true);
+            if (c.error) throw UsageError(at(path, c.error->offset, attrKey.text + ": " + c.error->message));
+            auto *s = std::get_if<String>(&c.value);
+            if (s && attr->name.ends_with("FilePath") && !s->empty() && s->front() != '/') *s = dir + "/" + *s;
+            if (auto e = assign(*entity, *attr, c.value)) throw UsageError(at(path, value.offset, attrKey.text + ": " + *e));
+            stated_.insert({entry->path, attrKey.text});
+         }
+      }
+   }
+}
+
+void Host::startAgent() {
+   agent_ = Loom::ptrCast<Loom::CAgent>(factory_("Sentrel"));
+   Loom::startAgent(*agent_, em_);
+}
+
+void Host::stopAgent() { agent_ = nullptr; }
+
+bool Host::shutDown() {
+   agent_ = nullptr;
+   em_ = nullptr;
+   bool clean = true;
+   for (auto const *t : Loom::AllocationTracker::all()) {
+      if (t->live() != 0) {
+         std::fprintf(stderr, "sentrel: %lld %s still alive after the agent was destroyed\n",
+                      static_cast<long long>(t->live()), t->typeName());
+         clean = false;
+      }
+   }
+   return clean;
+}
+
+Loom::Object *Host::stateMachine(String const &name) const {
+   if (!agent_) return nullptr;
+   auto const *attr = agent_->typeData().attr(name + "Sm");
+   if (!attr || attr->kind != Loom::Kind::Ref) return nullptr;
+   return const_cast<Loom::Object *>(std::get<Loom::Object const *>(attr->get(*agent_)));
+}
+
+}  // namespace SentrelHost

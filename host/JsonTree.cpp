@@ -1,0 +1,206 @@
+#include "host/JsonTree.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "Sentrel/platform/Json.h"
+
+namespace SentrelHost {
+
+char const *JsonNode::typeName() const {
+   static char const *const names[] = {"null", "boolean", "number", "number", "number", "string", "array", "object"};
+   return names[type];
+}
+
+namespace {
+
+// A string stream that the reader does not copy (it copies its own string
+// stream for speed), so the builder sees where the reader is.
+struct OffsetStream {
+   using Ch = char;
+   explicit OffsetStream(char const *s) : head(s), src(s) {}
+   Ch Peek() const { return *src; }
+   Ch Take() { return *src++; }
+   std::size_t Tell() const { return static_cast<std::size_t>(src - head); }
+   Ch *PutBegin() { return nullptr; }
+   void Put(Ch) {}
+   void Flush() {}
+   std::size_t PutEnd(Ch *) { return 0; }
+   char const *head;
+   char const *src;
+};
+
+// Builds the tree from the reader's events. An event's value starts at the
+// first character after the previous event that is not blank, comma or colon.
+class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeBuilder> {
+ public:
+   TreeBuilder(Loom::String const &text, OffsetStream const &stream) : text_(text), stream_(stream) {}
+
+   bool Null() { return add(JsonNode{JsonNode::Null}); }
+   bool Bool(bool b) {
+      JsonNode n{JsonNode::Bool};
+      n.boolean = b;
+      return add(std::move(n));
+   }
+   bool RawNumber(char const *s, rapidjson::SizeType len, bool) {
+      JsonNode n{JsonNode::Double};
+      n.text.assign(s, len);
+      if (n.text.find_first_of(".eE") == String::npos) {
+         n.type = n.text[0] == '-' ? JsonNode::Int : JsonNode::Uint;
+         if (n.type == JsonNode::Uint) {
+            errno = 0;
+            n.uint = std::strtoull(n.text.c_str(), nullptr, 10);
+            if (errno == ERANGE) n.type = JsonNode::Double;
+         }
+      }
+      return add(std::move(n));
+   }
+   bool String(char const *s, rapidjson::SizeType len, bool) {
+      JsonNode n{JsonNode::Str};
+      n.text.assign(s, len);
+      return add(std::move(n));
+   }
+   bool Key(char const *s, rapidjson::SizeType len, bool) {
+      JsonNode n{JsonNode::Str};
+      n.text.assign(s, len);
+      n.offset = start();
+      pendingKey_ = std::move(n);
+      return true;
+   }
+   bool StartObject() { return open(JsonNode::Object); }
+   bool EndObject(rapidjson::SizeType) { return close(); }
+   bool StartArray() { return open(JsonNode::Array); }
+   bool EndArray(rapidjson::SizeType) { return close(); }
+
+   JsonNode root;
+
+ private:
+   std::size_t start() {
+      std::size_t i = last_;
+      while (i < text_.size() && std::strchr(" \t\r\n,:", text_[i]) && text_[i] != '\0') ++i;
+      last_ = stream_.Tell();
+      return i;
+   }
+   bool add(JsonNode n) {
+      n.offset = start();
+      place(std::move(n));
+      return true;
+   }
+   void place(JsonNode n) {
+      if (stack_.empty()) {
+         root = std::move(n);
+         return;
+      }
+      JsonNode &parent = *stack_.back();
+      if (parent.type == JsonNode::Array) {
+         parent.items.push_back(std::move(n));
+      } else {
+         parent.members.emplace_back(std::move(pendingKey_), std::move(n));
+      }
+   }
+   bool open(JsonNode::Type t) {
+      JsonNode n{t};
+      n.offset = start();
+      place(std::move(n));
+      JsonNode *added = stack_.empty() ? &root
+                        : stack_.back()->type == JsonNode::Array ? &stack_.back()->items.back()
+                                                                  : &stack_.back()->members.back().second;
+      stack_.push_back(added);
+      return true;
+   }
+   bool close() {
+      start();
+      stack_.pop_back();
+      return true;
+   }
+
+   Loom::String const &text_;
+   OffsetStream const &stream_;
+   std::size_t last_ = 0;
+   std::vector<JsonNode *> stack_;
+   JsonNode pendingKey_;
+};
+
+}  // namespace
+
+std::optional<JsonNode> parseJson(String const &text, JsonError &error) {
+   if (text.find('\0') != String::npos) {
+      error = {text.find('\0'), "a NUL byte is not JSON"};
+      return std::nullopt;
+   }
+   OffsetStream stream(text.c_str());
+   TreeBuilder builder(text, stream);
+   rapidjson::Reader reader;
+   auto const result =
+      reader.Parse<rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseValidateEncodingFlag>(stream, builder);
+   if (result.IsError()) {
+      error = {result.Offset(), rapidjson::GetParseError_En(result.Code())};
+      return std::nullopt;
+   }
+   return std::move(builder.root);
+}
+
+namespace {
+// Length of the valid UTF-8 sequence at s[i], or 0.
+std::size_t utf8Length(String const &s, std::size_t i) {
+   auto const b = static_cast<unsigned char>(s[i]);
+   std::size_t len;
+   std::uint32_t cp;
+   if (b < 0x80) return 1;
+   if (b >= 0xC2 && b <= 0xDF) {
+      len = 2, cp = b & 0x1F;
+   } else if (b >= 0xE0 && b <= 0xEF) {
+      len = 3, cp = b & 0x0F;
+   } else if (b >= 0xF0 && b <= 0xF4) {
+      len = 4, cp = b & 0x07;
+   } else {
+      return 0;
+   }
+   if (i + len > s.size()) return 0;
+   for (std::size_t k = 1; k < len; ++k) {
+      auto const c = static_cast<unsigned char>(s[i + k]);
+      if ((c & 0xC0) != 0x80) return 0;
+      cp = cp << 6 | (c & 0x3F);
+   }
+   // Overlong forms, surrogates and code points beyond Unicode are not valid.
+   if ((len == 3 && cp < 0x800) || (len == 4 && (cp < 0x10000 || cp > 0x10FFFF)) || (cp >= 0xD800 && cp <= 0xDFFF)) {
+      return 0;
+   }
+   return len;
+}
+}  // namespace
+
+String jsonQuote(String const &bytes) {
+   static char const hex[] = "0123456789abcdef";
+   String out = "\"";
+   for (std::size_t i = 0; i < bytes.size();) {
+      auto const b = static_cast<unsigned char>(bytes[i]);
+      std::size_t const len = utf8Length(bytes, i);
+      if (len > 1) {
+         out.append(bytes, i, len);
+         i += len;
+         continue;
+      }
+      ++i;
+      switch (b) {
+         case '"': out += "\\\""; break;
+         case '\\': out += "\\\\"; break;
+         case '\n': out += "\\n"; break;
+         case '\r': out += "\\r"; break;
+         case '\t': out += "\\t"; break;
+         default:
+            if (b < 0x20 || len == 0) {
+               out += "\\u00";
+               out += hex[b >> 4];
+               out += hex[b & 0xF];
+            } else {
+               out += static_cast<char>(b);
+            }
+      }
+   }
+   out += '"';
+   return out;
+}
+
+}  // namespace SentrelHost

@@ -1,0 +1,221 @@
+
+#include "Sentrel/types/StateTree.h"
+#include "host/Host.h"
+#include "host/ValueJson.h"
+
+namespace SentrelHost {
+
+namespace {
+
+template <class Writer>
+void key(Writer &w, String const &k) {
+   auto q = jsonQuote(k);
+   w.RawValue(q.c_str(), q.size(), rapidjson::kStringType);
+}
+
+template <class Writer>
+void writeEntities(Writer &w, Ledger::EntityManager const &em, std::optional<String> const &only) {
+   w.StartObject();
+   for (auto const &e : Sentrel::stateTree()) {
+      if (only && *only != e.path) continue;
+      key(w, e.path);
+      writeJsonObject(w, em.lookup(e.path).ptr());
+   }
+   w.EndObject();
+}
+
+// Text for people: control characters and bytes of broken UTF-8 escaped.
+String printable(String const &s) {
+   String q = jsonQuote(s);
+   return q.substr(1, q.size() - 2);
+}
+
+// Sentences for people: like printable, but quotes stay as they are.
+String prose(String const &s) {
+   String out;
+   std::size_t pos = 0;
+   for (std::size_t q; (q = s.find('"', pos)) != String::npos; pos = q + 1) {
+      out += printable(s.substr(pos, q - pos)) + '"';
+   }
+   return out + printable(s.substr(pos));
+}
+
+String valueText(Loom::Value const &v) {
+   return std::visit(
+      [](auto const &x) -> String {
+         using T = std::decay_t<decltype(x)>;
+         if constexpr (std::is_same_v<T, bool>) {
+            return x ? "true" : "false";
+         } else if constexpr (std::is_same_v<T, std::uint64_t>) {
+            return std::to_string(x);
+         } else if constexpr (std::is_same_v<T, String>) {
+            return printable(x);
+         } else if constexpr (std::is_same_v<T, std::vector<String>>) {
+            String out;
+            for (auto const &s : x) out += (out.empty() ? "" : ", ") + printable(s);
+            return out;
+         } else if constexpr (std::is_same_v<T, std::vector<std::pair<String, std::uint32_t>>>) {
+            String out;
+            for (auto const &[k, n] : x) out += (out.empty() ? "" : ", ") + printable(k) + "=" + std::to_string(n);
+            return out;
+         } else if constexpr (std::is_same_v<T, Loom::VariantValue>) {
+            String out = x.alternative + ":";
+            if (x.fields.empty()) out += " " + printable(x.text);
+            for (auto const &[k, n] : x.fields) out += " " + k + "=" + std::to_string(n);
+            return out;
+         } else {
+            return {};
+         }
+      },
+      v);
+}
+
+// A reason under its fact, in the value column; a reason repeated for the
+// next fact of the entity is not spelled out again.
+void reasonText(String &out, std::size_t column, Diagnostic const &d, Diagnostic const *previous) {
+   String const indent(column, ' ');
+   if (previous && previous->reason == d.reason && previous->hint == d.hint) {
+      out += indent + "why:  as above\n";
+      return;
+   }
+   out += indent + "why:  " + prose(d.reason) + "\n";
+   if (!d.hint.empty()) out += indent + "hint: " + prose(d.hint) + "\n";
+}
+
+void entityText(String &out, String const &path, Loom::Entity const *e, std::vector<Diagnostic> const &diags = {}) {
+   out += path + "\n";
+   auto reasonOf = [&](String const &attr) -> Diagnostic const * {
+      for (auto const &d : diags) {
+         if (d.entity == path && d.attribute == attr) return &d;
+      }
+      return nullptr;
+   };
+   if (!e) {
+      out += "  (absent)\n";
+      if (auto const *d = reasonOf("")) reasonText(out, 4, *d, nullptr);
+      return;
+   }
+   std::size_t width = 0;
+   for (auto const &a : e->typeData().attrs) width = std::max(width, a.name.size());
+   Diagnostic const *previous = nullptr;
+   for (auto const &a : e->typeData().attrs) {
+      out += "  " + a.name + String(width - a.name.size() + 2, ' ') + valueText(a.get(*e)) + "\n";
+      if (auto const *d = reasonOf(a.name)) {
+         reasonText(out, width + 4, *d, previous);
+         previous = d;
+      }
+   }
+}
+
+}  // namespace
+
+String Host::showJson(std::optional<String> const &path) const {
+   rapidjson::StringBuffer buf;
+   rapidjson::Writer<rapidjson::StringBuffer> w(buf);
+   if (path) {
+      w.StartObject();
+      key(w, *path);
+      writeJsonObject(w, em_->lookup(*path).ptr());
+      w.EndObject();
+   } else {
+      w.StartObject();
+      key(w, "entities");
+      writeEntities(w, *em_, std::nullopt);
+      w.EndObject();
+   }
+   return String(buf.GetString(), buf.GetSize()) + "\n";
+}
+
+String Host::showText(std::optional<String> const &path) const {
+   String out;
+   for (auto const &e : Sentrel::stateTree()) {
+      if (path && *path != e.path) continue;
+      entityText(out, e.path, em_->lookup(e.path).ptr());
+   }
+   return out;
+}
+
+String Host::report() const {
+   auto const diags = diagnostics();
+   if (options_.format == Format::Text) {
+      String out;
+      for (auto const &e : Sentrel::stateTree()) {
+         if (!e.status) continue;
+         entityText(out, e.path, em_->lookup(e.path).ptr(), diags);
+         out += "\n";
+      }
+      out += logs_.empty() ? "Warnings: none\n" : "Warnings:\n";
+      for (auto const &l : logs_) out += "  " + l.name + ": " + printable(l.text) + "\n";
+      // The inputs are not printed above: their reasons are listed here.
+      String inputs;
+      Diagnostic const *previous = nullptr;
+      for (auto const &d : diags) {
+         auto const *entry = Sentrel::stateTreeEntry(d.entity);
+         if (entry && entry->status) continue;
+         inputs += "  " + d.entity + (d.attribute.empty() ? "" : " " + d.attribute) + "\n";
+         reasonText(inputs, 4, d, previous && previous->entity == d.entity ? previous : nullptr);
+         previous = &d;
+      }
+      if (!inputs.empty()) out += "\nInputs:\n" + inputs;
+      return out;
+   }
+   rapidjson::StringBuffer buf;
+   rapidjson::PrettyWriter<rapidjson::StringBuffer> w(buf);
+   w.SetIndent(' ', 2);
+   w.SetFormatOptions(rapidjson::kFormatSingleLineArray);
+   w.StartObject();
+   key(w, "entities");
+   writeEntities(w, *em_, std::nullopt);
+   key(w, "stateMachines");
+   w.StartObject();
+   for (auto const &a : agent_->typeData().attrs) {
+      if (a.kind != Loom::Kind::Ref || !a.name.ends_with("Sm")) continue;
+      key(w, a.name.substr(0, a.name.size() - 2));
+      writeJsonObject(w, std::get<Loom::Object const *>(a.get(*agent_)));
+   }
+   w.EndObject();
+   key(w, "log");
+   w.StartArray();
+   for (auto const &l : logs_) {
+      w.StartObject();
+      key(w, "name");
+      key(w, l.name);
+      key(w, "severity");
+      w.Int(l.severity);
+      key(w, "text");
+      key(w, l.text);
+      w.EndObject();
+   }
+   w.EndArray();
+   key(w, "trace");
+   w.StartArray();
+   for (auto const &t : traces_) {
+      w.StartObject();
+      key(w, "level");
+      w.Int(t.level);
+      key(w, "function");
+      key(w, t.function);
+      key(w, "line");
+      w.Int(t.line);
+      key(w, "text");
+      key(w, t.text);
+      w.EndObject();
+   }
+   w.EndArray();
+   key(w, "diagnostics");
+   w.StartArray();
+   for (auto const &d : diags) {
+      w.StartObject();
+      for (auto const &[k, v] : {std::pair{"entity", &d.entity}, std::pair{"attribute", &d.attribute},
+                                 std::pair{"reason", &d.reason}, std::pair{"hint", &d.hint}}) {
+         key(w, k);
+         key(w, *v);
+      }
+      w.EndObject();
+   }
+   w.EndArray();
+   w.EndObject();
+   return String(buf.GetString(), buf.GetSize()) + "\n";
+}
+
+}  // namespace SentrelHost
