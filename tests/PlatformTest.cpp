@@ -1,0 +1,255 @@
+#include <gtest/gtest.h>
+
+#include "Sentrel/LogCatalogue.h"
+#include "Sentrel/PlatformHelpers.h"
+#include "Sentrel/platform/RunCommand.h"
+#include "Sentrel/platform/Toggle.h"
+#include "Sentrel/types/TarnSecurebootStatus.h"
+#include "TestSupport.h"
+
+using namespace SentrelTest;
+
+TEST(RunCmd, ResultOutputAndTraces) {
+   struct Case {
+      char const *command;
+      bool ok;
+      Loom::String output;  // "untouched" stays when the command fails
+      char const *trace;
+   };
+   std::vector<Case> const cases{
+      {"printf 'abc\\n\\n'", true, "abc", nullptr},
+      {"true", true, "", nullptr},
+      {"printf '\\n\\n\\n'", true, "", nullptr},
+      {"printf 'a\\r\\n b \\n'", true, "a\r\n b ", nullptr},
+      {"echo printed; exit 3", false, "untouched", "Command echo printed; exit 3 return error code: 3"},
+      {"no-such-command-here", false, "untouched", "Command no-such-command-here return error code: 127"},
+      {"kill -TERM $$", false, "untouched", "Command kill -TERM $$ return error code: 143"},
+      {"head -c 70000 /dev/zero | tr '\\0' x | head -c 3", true, "xxx", nullptr},
+   };
+   for (auto const &c : cases) {
+      SCOPED_TRACE(c.command);
+      Recorder rec;
+      Loom::String out = "untouched";
+      EXPECT_EQ(Sentrel::runCmd(c.command, out), c.ok);
+      EXPECT_EQ(out, c.output);
+      EXPECT_EQ(rec.traceTexts(2), c.trace ? std::vector<Loom::String>{c.trace} : std::vector<Loom::String>{});
+   }
+}
+
+TEST(RunCommand, ResultCodesAreTheShells) {
+   TempDir d;
+   d.file("not-executable", "#!/bin/sh\n");
+   d.file("no-shebang", "exit 4\n", 0755);
+   PathPrepend path(d.path());
+   struct Case {
+      char const *command;
+      int code;
+   };
+   // Plain words are spawned directly, the rest through the shell: same codes.
+   for (auto const &c : std::vector<Case>{{"false", 1},
+                                          {"no-such-command-here", 127},
+                                          {"no-such-command-here arg", 127},
+                                          {"exit 9", 9},
+                                          {"sh -c 'exit 5'", 5},
+                                          {"not-executable", 126},
+                                          {"no-shebang", 4},
+                                          {"/bin/sh -c 'kill -KILL $$'", 137}}) {
+      SCOPED_TRACE(c.command);
+      EXPECT_EQ(Loom::runCommand(c.command, Loom::kNoInput, -1, Loom::kDiscard), c.code);
+   }
+}
+
+TEST(ParseJsonFile, OnlyAWellFormedFileParses) {
+   TempDir d;
+   struct Case {
+      char const *name;
+      char const *content;  // nullptr: no file
+      bool ok;
+   };
+   for (auto const &c : std::vector<Case>{{"missing", nullptr, false},
+                                          {"invalid", "{\"a\": ", false},
+                                          {"trailing comma", "{\"a\": 1,}", false},
+                                          {"empty", "", false},
+                                          {"object", "{\"a\": \"b\"}", true},
+                                          {"scalar", "3", true}}) {
+      SCOPED_TRACE(c.name);
+      Loom::String const path = c.content ? d.file(c.name, c.content) : d.path() + "/missing";
+      Sentrel::JsonDocument doc;
+      EXPECT_EQ(Sentrel::parseJsonFile(path.c_str(), doc), c.ok);
+   }
+}
+
+TEST(Toggles, FileNameAndDefault) {
+   TempDir d;
+   d.file("Good.json", R"({"On": true, "Off": false, "Number": 1})");
+   d.file("Bad.json", "{not json");
+   d.file("List.json", "[true]");
+   Loom::toggleDirIs(d.path());
+   struct Case {
+      char const *name;
+      char const *file;
+      bool dflt;
+      unsigned want;
+   };
+   for (auto const &c : std::vector<Case>{{"On", "Good.json", false, 1},
+                                          {"Off", "Good.json", true, 0},
+                                          {"Absent", "Good.json", true, 1},
+                                          {"Absent", "Good.json", false, 0},
+                                          {"Number", "Good.json", true, 1},
+                                          {"On", "Missing.json", false, 0},
+                                          {"On", "Bad.json", true, 1},
+                                          {"On", "List.json", false, 0}}) {
+      SCOPED_TRACE(std::string(c.name) + " in " + c.file);
+      EXPECT_EQ(Loom::getToggleState(c.name, c.file, c.dflt), c.want);
+   }
+   Loom::toggleDirIs("/etc/sentrel/toggles");
+}
+
+TEST(Toggles, EachAccessorAsksOncePerProcess) {
+   for (int i = 0; i < 3; ++i) {
+      togglePcrMultibankEnabled();
+      toggleSentrelMfgExpectedConfigCheckEnabled();
+      togglePlatformFirstInstructionSecurityEnabled();
+      toggleSentrelImaEnabled();
+   }
+   for (char const *name :
+        {"PcrMultibank", "SentrelMfgExpectedConfigCheck", "PlatformFirstInstructionSecurity", "SentrelIma"}) {
+      EXPECT_EQ(Loom::toggleQueryCountForTest(name), 1u) << name;
+   }
+}
+
+TEST(TraceLevels, Parse) {
+   struct Case {
+      char const *text;
+      std::optional<unsigned> mask;
+   };
+   for (auto const &c : std::vector<Case>{{"2", 0x4},
+                                          {"2,7", 0x84},
+                                          {"0-9", 0x3ff},
+                                          {"", 0},
+                                          {"1-3,9", 0x20e},
+                                          {"10", std::nullopt},
+                                          {"3-1", std::nullopt},
+                                          {"2,", std::nullopt},
+                                          {"x", std::nullopt}}) {
+      EXPECT_EQ(Loom::parseTraceLevels(c.text), c.mask) << c.text;
+   }
+}
+
+TEST(Log, CatalogueLiesInOrderInItsSection) {
+   Loom::LogDescriptor const *order[] = {
+      &Sentrel::SENTREL_INTEGRITY_LOAD_KEY_FAIL_DESC, &Sentrel::SENTREL_INTEGRITY_DESC,
+      &Sentrel::SENTREL_WARNING_DESC, &Sentrel::MEASUREDBOOT_PCR_CONFIG_WARNING_DESC,
+      &Sentrel::TARN_DEPRECATION_WARNING_DESC};
+   for (int i = 1; i < 5; ++i) EXPECT_EQ(order[i], order[0] + i);
+   EXPECT_STREQ(Sentrel::SENTREL_INTEGRITY_DESC.explanation,
+                "The Integrity Measurement Architecture (IMA) apparaisal raised a warning");
+   EXPECT_STREQ(Sentrel::TARN_DEPRECATION_WARNING_DESC.recommendedAction, "\x02");
+}
+
+TEST(Log, FormatsAndRateLimitsOnTheLeadingArguments) {
+   Recorder rec;
+   Loom::log(Sentrel::SENTREL_WARNING, "Secure boot", "disabled", "enabled");
+   Loom::log(Sentrel::SENTREL_WARNING, "Secure boot", "disabled", "enabled");
+   ASSERT_EQ(rec.logs().size(), 2u);  // interval 0 never suppresses
+   EXPECT_EQ(rec.logs()[0].name, "SENTREL_WARNING");
+   EXPECT_EQ(rec.logs()[0].severity, 4);
+   EXPECT_EQ(rec.logs()[0].text, "Secure boot is currently disabled (default: enabled)");
+
+   // A handle keyed on its first argument lets one message a key through per interval.
+   Loom::LogHandle limited(Sentrel::SENTREL_WARNING_DESC, std::chrono::hours(1), 2.0, 1, 0);
+   EXPECT_EQ(limited.rateLimitArgCount(3), 1u);
+   Loom::log(limited, "a", "x", "y");
+   Loom::log(limited, "a", "other", "args");
+   Loom::log(limited, Loom::String("b"), "x", "y");
+   EXPECT_EQ(rec.logTexts(),
+             (std::vector<Loom::String>{rec.logs()[0].text, rec.logs()[0].text, "a is currently x (default: y)",
+                                        "b is currently x (default: y)"}));
+}
+
+namespace {
+// A node that records what its reactor sees, and can act from inside it.
+class Watcher : public Loom::Node {
+ public:
+   static Loom::TypeInfo const &typeInfo() {
+      static Loom::TypeInfo const t{"Watcher", {}, {}, nullptr};
+      return t;
+   }
+   Loom::TypeInfo const &typeData() const override { return typeInfo(); }
+   Watcher(Tarn::Secureboot::Status const *s, std::function<void(Watcher &, unsigned)> act = nullptr)
+       : reactor(*this, s, [this](unsigned a) {
+            seen.push_back(a);
+            if (this->act) this->act(*this, a);
+         }),
+         act(std::move(act)) {
+      reactor.subscribe();
+   }
+   Loom::Reactor reactor;
+   std::function<void(Watcher &, unsigned)> act;
+   std::vector<unsigned> seen;
+};
+}  // namespace
+
+TEST(Notification, OnChangeOnlyInOrderAndSafeAgainstChangesDuringDelivery) {
+   auto sb = Loom::make<Tarn::Secureboot::Status>();
+   using A = Tarn::Secureboot::Status::Attr;
+   auto late = Loom::make<Watcher>(sb.ptr());
+   late->reactor.unsubscribe();
+   auto second = Loom::make<Watcher>(sb.ptr());
+   // The first subscriber removes the second and subscribes the third while
+   // a change is being delivered.
+   auto first = Loom::make<Watcher>(sb.ptr(), [&](Watcher &, unsigned) {
+      second->reactor.unsubscribe();
+      late->reactor.subscribe();
+   });
+   second->reactor.unsubscribe();
+   second->reactor.subscribe();  // now after `first`
+
+   sb->supportedIs(false);  // no change: nothing delivered
+   sb->supportedIs(true);
+   sb->enabledPcrBankIs("sha1");
+   sb->enabledPcrBankIs("sha1");  // already there
+   EXPECT_EQ(first->seen, (std::vector<unsigned>{A::supported, A::enabledPcrBank}));
+   EXPECT_TRUE(second->seen.empty());
+   EXPECT_EQ(late->seen, (std::vector<unsigned>{A::enabledPcrBank}));
+
+   first->loomDoZombieReactors(true);
+   sb->readyIs(true);
+   EXPECT_EQ(first->seen.size(), 2u);  // a zombie is not called
+   EXPECT_EQ(sb->subscriberCount(), 2u);
+   first = nullptr;
+   late = nullptr;
+   EXPECT_EQ(sb->subscriberCount(), 0u);
+}
+
+TEST(Notification, SwitchingNotificationsSubscribesAndUnsubscribes) {
+   auto sb = Loom::make<Tarn::Secureboot::Status>();
+   auto w = Loom::make<Watcher>(sb.ptr());
+   w->hasNotificationActiveIs(true);
+   w->hasNotificationActiveIs(false);
+   EXPECT_EQ(sb->subscriberCount(), 0u);
+   w->hasNotificationActiveIs(true);
+   EXPECT_EQ(sb->subscriberCount(), 1u);
+   EXPECT_FALSE(w->zombie());
+}
+
+TEST(PtrDeathTest, NullDereferenceAbortsNamingTheType) {
+   Ptr<Tarn::Secureboot::Status const> none;
+   EXPECT_DEATH((void)none->supported(), "null Ptr<Tarn::Secureboot::Status> dereferenced");
+}
+
+TEST(Ledger, PathsDirectoriesAndMountCompletion) {
+   auto em = seededLedger();
+   EXPECT_EQ(Ledger::Cell::path("/tarn//sb/status/", 0), "tarn/sb/status");
+   EXPECT_TRUE(em->lookup("tarn/sb/status"));
+   EXPECT_TRUE(Loom::ptrCast<Loom::Dir>(em->lookup("hardware/sentrel/config")));
+   EXPECT_FALSE(em->lookup("tarn/sb/status/deeper"));
+   em->entityDel("hardware/sentrel/config/sentrel");
+   EXPECT_FALSE(em->lookup("hardware/sentrel/config/sentrel"));
+   EXPECT_TRUE(em->lookup("hardware/sentrel/config"));
+
+   Ledger::MountFlags f;
+   EXPECT_TRUE(f.parse("r"));
+   EXPECT_FALSE(f.write);
+   EXPECT_FALSE(f.parse("x"));
+}

@@ -1,0 +1,218 @@
+#include <algorithm>
+#include <functional>
+#include <gtest/gtest.h>
+#include <regex>
+#include <optional>
+
+#include "Sentrel/TarnFeatureSm.h"
+#include "Sentrel/platform/Sysroot.h"
+#include "TestSupport.h"
+
+using namespace SentrelTest;
+using Sentrel::TarnFeatureSm;
+using Rev = std::vector<std::pair<String, std::uint32_t>>;
+
+namespace {
+
+String const kWarning =
+   " will be deprecated soon. Reason: Secure boot will not work after May 2027 due to certificate expiration. ";
+
+// Features file and kernel command line in a temporary directory, which is
+// also the system root; nullopt leaves a file absent.
+struct Machine {
+   TempDir dir;
+   Ptr<Ledger::EntityManager> em = seededLedger();
+   Ptr<Tarn::Features::Status> status = entityAt<Tarn::Features::Status>(*em, "tarn/features/status");
+   Ptr<Tarn::Secureboot::Status> sb = entityAt<Tarn::Secureboot::Status>(*em, "tarn/sb/status");
+
+   explicit Machine(std::optional<String> cmdline = std::nullopt) {
+      Loom::sysrootIs(dir.path());
+      if (cmdline) dir.file("proc/cmdline", *cmdline);
+   }
+   Ptr<TarnFeatureSm> start(std::optional<String> features, bool supported) {
+      sb->supportedIs(supported);
+      status->featuresFilePathIs(features ? dir.file("features", *features) : dir.path() + "/none");
+      return TarnFeatureSm::TarnFeatureSmIs(em, status, sb);
+   }
+   Rev revs() const { return Rev(status->featureRev().begin(), status->featureRev().end()); }
+};
+
+// Sees every change of one entity as it is published.
+class Watcher : public Loom::Node {
+ public:
+   Watcher(Loom::Entity const &e, std::function<void(unsigned)> f) : reactor_(*this, &e, std::move(f)) {
+      reactor_.subscribe();
+   }
+   Loom::TypeInfo const &typeData() const override {
+      static Loom::TypeInfo const t{"Watcher", {}, {}, nullptr};
+      return t;
+   }
+
+ private:
+   Loom::Reactor reactor_;
+};
+
+}  // namespace
+
+TEST(TarnFeatureSm, FactsFollowTheRevisionThresholds) {
+   struct Case {
+      std::optional<String> features;
+      bool supported, sbOutdated, pcrMultibank, measuredboot;
+   };
+   std::vector<Case> const cases{
+      {"secureboot:26\n", true, true, false, false},
+      {"secureboot:27\n", true, false, false, false},
+      {"secureboot:26\n", false, false, false, false},
+      {"secureboot:28\n", true, false, false, false},
+      {"secureboot:29\n", true, false, false, true},
+      {"secureboot:29\n", false, false, false, false},
+      {"secureboot:53\n", false, false, false, false},
+      {"secureboot:54\n", false, false, true, false},
+      {"secureboot:54\nbootguard:9\n", true, false, false, true},
+      {"secureboot:54\nbootguard:10\n", true, false, true, true},
+      {"secureboot:-1\n", true, false, true, true},
+      {"bootguard:99\n", true, false, false, false},
+      {std::nullopt, true, false, false, false},
+   };
+   for (auto const &c : cases) {
+      SCOPED_TRACE(c.features.value_or("<absent>") + (c.supported ? " supported" : ""));
+      Machine m;
+      Recorder rec;
+      auto sm = m.start(c.features, c.supported);
+      EXPECT_TRUE(sm->initialized());
+      EXPECT_EQ(m.status->sbOutdated(), c.sbOutdated);
+      EXPECT_EQ(m.status->pcrMultibankSupported(), c.pcrMultibank);
+      EXPECT_EQ(m.status->measuredbootSupported(), c.measuredboot);
+      // Without a command line the warning names the fallback subject.
+      EXPECT_EQ(rec.logTexts(), c.sbOutdated ? std::vector<String>{"This version of Tarn" + kWarning}
+                                             : std::vector<String>{});
+      if (!c.features) {
+         EXPECT_EQ(rec.traceTexts(2), std::vector<String>{"Cannot open Tarn features file"});
+      }
+   }
+}
+
+TEST(TarnFeatureSm, FeatureLinesAreReadLikeStoi) {
+   String const invalid = "Invalid value for version number, not an integer";
+   String const range = "Value for version number out of range";
+   struct Case {
+      String features;
+      Rev revs;
+      std::vector<String> traces;
+   };
+   std::vector<Case> const cases{
+      {"secureboot: 27\r\n", {{"secureboot", 27}}, {}},
+      {"secureboot :27", {{"secureboot ", 27}}, {}},
+      {":5\n", {{"", 5}}, {}},
+      {"a:\t+12abc\nb:-2147483648\nc:2147483647\n", {{"a", 12}, {"b", 2147483648u}, {"c", 2147483647}}, {}},
+      {"a:b:3\nb: \nc:-\nd:+-1\ne:\r\n", {}, {invalid, invalid, invalid, invalid, invalid}},
+      {"a:99999999999\nb:2147483648\nc:-2147483649\n", {}, {range, range, range}},
+      {"\nname only\nname:\n", {}, {}},
+      {"a:1\na:2\na:x\n", {{"a", 2}}, {invalid}},
+   };
+   for (auto const &c : cases) {
+      SCOPED_TRACE(c.features);
+      Machine m;
+      m.status->featureRevIs("kept", 1);  // the map is never cleared
+      Recorder rec;
+      auto sm = m.start(c.features, false);
+      Rev want = c.revs;
+      want.emplace_back("kept", 1);
+      std::sort(want.begin(), want.end());
+      EXPECT_EQ(m.revs(), want);
+      EXPECT_EQ(rec.traceTexts(2), c.traces);
+   }
+}
+
+TEST(TarnFeatureSm, MultibankIsPublishedThenVetoedByBootguard) {
+   Machine m;
+   std::vector<bool> seen;
+   auto w = Loom::make<Watcher>(*m.status, [&](unsigned attr) {
+      if (attr == Tarn::Features::Status::Attr::pcrMultibankSupported) seen.push_back(m.status->pcrMultibankSupported());
+   });
+   auto sm = m.start("secureboot:54\nbootguard:9\n", false);
+   EXPECT_EQ(seen, (std::vector<bool>{true, false}));
+}
+
+TEST(TarnFeatureSm, RunningVersionIsTheFirstTarnEntryOfTheCommandLine) {
+   String const notFound = "Cannot find Tarn version in /proc/cmdline";
+   struct Case {
+      std::optional<String> cmdline;
+      String version, trace;
+   };
+   std::vector<Case> const cases{
+      {std::nullopt, "This version of Tarn", "Cannot open /proc/cmdline"},
+      {"", "This version of Tarn", notFound},
+      {"ro Tarn=2.1 quiet\n", "Tarn=2.1", ""},
+      {"Tarn=1\tTarn=2", "Tarn=1", ""},
+      {"Tarn= x Tarn=3\n", "Tarn=3", ""},
+      {"MyTarn=5.0 x", "Tarn=5.0", ""},
+      {"Tarn=\n", "This version of Tarn", notFound},
+      {"ro\nTarn=9\n", "This version of Tarn", notFound},
+   };
+   for (auto const &c : cases) {
+      SCOPED_TRACE(c.cmdline.value_or("<absent>"));
+      Machine m(c.cmdline);
+      auto sm = m.start(std::nullopt, false);
+      Recorder rec;
+      // Reached by name, as the host invokes it.
+      EXPECT_EQ(TarnFeatureSm::typeInfo().op("getRunningTarnVersion")->invoke(*sm), c.version);
+      EXPECT_EQ(rec.traceTexts(7),
+                std::vector<String>{"Loom::String Sentrel::TarnFeatureSm::getRunningTarnVersion()"});
+      EXPECT_EQ(rec.traceTexts(2), c.trace.empty() ? std::vector<String>{} : std::vector<String>{c.trace});
+   }
+}
+
+TEST(TarnFeatureSm, SupportedChangesRecheckDeprecationAndMeasuredBootOnly) {
+   Machine m("BOOT_IMAGE=/vexo Tarn=2.1 quiet\n");
+   auto sm = m.start("secureboot:26\n", false);
+   Recorder rec;
+   m.sb->readyIs(true);
+   EXPECT_TRUE(rec.traces().empty());
+
+   m.sb->supportedIs(true);
+   EXPECT_TRUE(m.status->sbOutdated());
+   EXPECT_EQ(rec.logTexts(), std::vector<String>{"Tarn=2.1" + kWarning});
+   EXPECT_EQ(rec.logs().at(0).name, "TARN_DEPRECATION_WARNING");
+   EXPECT_EQ(rec.traceTexts(2), std::vector<String>{"Logging Tarn Deprecation Warning"});
+   EXPECT_EQ(rec.traceTexts(7), (std::vector<String>{
+                                   "void Sentrel::TarnFeatureSm::checkTarnDeprecation()",
+                                   "void Sentrel::TarnFeatureSm::populateSbOutdatedFromSbVersion()",
+                                   "Loom::String Sentrel::TarnFeatureSm::getRunningTarnVersion()",
+                                   "void Sentrel::TarnFeatureSm::checkMeasuredbootSupported()"}));
+
+   m.sb->supportedIs(false);
+   EXPECT_FALSE(m.status->sbOutdated());
+   m.sb->supportedIs(true);
+   EXPECT_EQ(rec.logTexts(), std::vector<String>(2, "Tarn=2.1" + kWarning));
+
+   // Measured boot follows `supported` on the revisions read at start-up.
+   m.sb->supportedIs(false);
+   m.status->featureRevIs("secureboot", 29);
+   m.sb->supportedIs(true);
+   EXPECT_TRUE(m.status->measuredbootSupported());
+   EXPECT_FALSE(m.status->sbOutdated());
+
+   // Nothing reacts once it is being torn down.
+   rec.clear();
+   sm->loomDoZombieReactors(true);
+   m.sb->supportedIs(false);
+   EXPECT_TRUE(rec.traces().empty());
+   EXPECT_TRUE(m.status->measuredbootSupported());
+}
+
+TEST(TarnEntrySearch, FindsWhatTheEcmaScriptSearchFinds) {
+   std::regex const tarnEntry("Tarn=\\S+", std::regex::ECMAScript);
+   std::vector<String> const lines{"", "Tarn=", "Tarn= Tarn=2", "a Tarn=1 Tarn=2", "xTarn=3\tq", "Tarn=\v1 Tarn=\f2",
+                                   "Tarn=\xff\xfe end", "Tarn=Tarn=4", "ro quiet", "Tarn=5\r",
+                                   "Tarn=" + String(1500, 'x') + " y"};
+   for (auto const &line : lines) {
+      SCOPED_TRACE(line.substr(0, 40));
+      std::smatch m;
+      std::optional<String> const expected =
+         std::regex_search(line, m, tarnEntry) ? std::optional<String>(m.str(0)) : std::nullopt;
+      EXPECT_EQ(Sentrel::searchTarnEntry(line), expected);
+   }
+   // A line far longer than any kernel's is scanned without recursion.
+   EXPECT_EQ(Sentrel::searchTarnEntry("Tarn=" + String(1 << 20, '9'))->size(), 5u + (1u << 20));
+}

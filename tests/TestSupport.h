@@ -1,0 +1,88 @@
+#pragma once
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "Sentrel/platform/Ledger.h"
+#include "Sentrel/platform/Log.h"
+#include "Sentrel/platform/Trace.h"
+
+namespace SentrelTest {
+
+using Loom::String;
+
+// A temporary directory, removed with everything in it.
+class TempDir {
+ public:
+   TempDir();
+   TempDir(TempDir const &) = delete;
+   ~TempDir();
+   String const &path() const { return path_; }
+   // Writes `content` to `name` (parent folders made) and returns its path.
+   String file(String const &name, String const &content, unsigned mode = 0644) const;
+   // Writes an executable shell script.
+   String script(String const &name, String const &body) const;
+
+ private:
+   String path_;
+};
+
+// Puts a directory first in PATH while it lives.
+class PathPrepend {
+ public:
+   explicit PathPrepend(String const &dir);
+   ~PathPrepend();
+
+ private:
+   String old_;
+};
+
+// Collects every trace record (all levels on) and log message while it lives.
+class Recorder {
+ public:
+   Recorder();
+   ~Recorder();
+   std::vector<Loom::TraceRecord> const &traces() const { return traces_; }
+   std::vector<Loom::LogRecord> const &logs() const { return logs_; }
+   // Trace texts at one level, in order.
+   std::vector<String> traceTexts(int level) const;
+   std::vector<String> logTexts() const;
+   void clear() {
+      traces_.clear();
+      logs_.clear();
+   }
+
+ private:
+   std::vector<Loom::TraceRecord> traces_;
+   std::vector<Loom::LogRecord> logs_;
+};
+
+// One run of the built `sentrel` host.
+struct HostRun {
+   int exitCode;
+   String out;
+   String err;
+};
+// Runs the host with `args` (no syslog), in `env` (NAME=VALUE, added to this
+// process's environment), with `input` on standard input.
+HostRun runHost(std::vector<String> const &args, std::vector<String> const &env = {},
+                String const &input = "");
+
+// An entity manager holding every entity of the state tree at its defaults.
+Ptr<Ledger::EntityManager> seededLedger();
+
+template <class T>
+Ptr<T> entityAt(Ledger::EntityManager const &em, char const *path) {
+   return Loom::ptrCast<T>(em.lookup(path));
+}
+
+}  // namespace SentrelTest
+
+// Tests of a toggle turned off run only in the process that ctest starts
+// with the toggle directory tests/toggles/all-off.
+#define SENTREL_ONLY_WITH_TOGGLES_OFF()                                   \
+   do {                                                                   \
+      if (!std::getenv("SENTREL_EXPECT_TOGGLES_OFF"))                     \
+         GTEST_SKIP() << "runs in its own process with the toggles off"; \
+   } while (0)
