@@ -13,26 +13,32 @@
 namespace SentrelFuzz {
 
 namespace {
-String makeScratch() {
-   String tmpl = (std::filesystem::temp_directory_path() / "sentrel-fuzz-XXXXXX").string();
-   if (!mkdtemp(tmpl.data())) std::abort();
-   std::filesystem::create_directories(tmpl + "/bin");
-   std::filesystem::create_directories(tmpl + "/toggles");
-   setenv("PATH", (tmpl + "/bin:" + std::getenv("PATH")).c_str(), 1);
-   Loom::sysrootIs(tmpl);
-   Loom::toggleDirIs(tmpl + "/toggles");
-   Loom::logSyslogIs(false, nullptr);
-   std::atexit([] {
+// The scratch folder, removed with everything in it when the process exits.
+struct Scratch {
+   Scratch() {
+      String tmpl = (std::filesystem::temp_directory_path() / "sentrel-fuzz-XXXXXX").string();
+      if (!mkdtemp(tmpl.data())) std::abort();
+      path = tmpl;
+      std::filesystem::create_directories(path + "/bin");
+      std::filesystem::create_directories(path + "/toggles");
+      setenv("PATH", (path + "/bin:" + std::getenv("PATH")).c_str(), 1);
+      Loom::sysrootIs(path);
+      Loom::toggleDirIs(path + "/toggles");
+      Loom::logSyslogIs(false, nullptr);
+   }
+   Scratch(Scratch const &) = delete;
+   Scratch &operator=(Scratch const &) = delete;
+   ~Scratch() {
       std::error_code ec;
-      std::filesystem::remove_all(scratch(), ec);
-   });
-   return tmpl;
-}
+      std::filesystem::remove_all(path, ec);
+   }
+   String path;
+};
 }  // namespace
 
 String const &scratch() {
-   static String const dir = makeScratch();
-   return dir;
+   static Scratch const dir;
+   return dir.path;
 }
 
 String put(String const &name, String const &content) {
