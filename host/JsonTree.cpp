@@ -16,12 +16,15 @@ char const *JsonNode::typeName() const {
 namespace {
 
 // A string stream that the reader does not copy (it copies its own string
-// stream for speed), so the builder sees where the reader is.
+// stream for speed), so the builder sees where the reader is. It reads as
+// NUL at and past its end: the reader's UTF-8 validation takes a sequence's
+// continuation bytes without looking, past the terminator when a file ends
+// inside one.
 struct OffsetStream {
    using Ch = char;
-   explicit OffsetStream(char const *s) : head(s), src(s) {}
-   Ch Peek() const { return *src; }
-   Ch Take() { return *src++; }
+   explicit OffsetStream(String const &s) : head(s.data()), src(head), end(head + s.size()) {}
+   Ch Peek() const { return src < end ? *src : '\0'; }
+   Ch Take() { return src < end ? *src++ : '\0'; }
    std::size_t Tell() const { return static_cast<std::size_t>(src - head); }
    Ch *PutBegin() { return nullptr; }
    void Put(Ch) {}
@@ -29,6 +32,7 @@ struct OffsetStream {
    std::size_t PutEnd(Ch *) { return 0; }
    char const *head;
    char const *src;
+   char const *end;
 };
 
 // Builds the tree from the reader's events. An event's value starts at the
@@ -129,7 +133,7 @@ std::optional<JsonNode> parseJson(String const &text, JsonError &error) {
       error = {text.find('\0'), "a NUL byte is not JSON"};
       return std::nullopt;
    }
-   OffsetStream stream(text.c_str());
+   OffsetStream stream(text);
    TreeBuilder builder(text, stream);
    rapidjson::Reader reader;
    auto const result =

@@ -158,6 +158,7 @@ TEST_F(HostTest, BadInputIsAUsageErrorNamingFilePositionAndProblem) {
       {"wrong type", R"({"entities": {"tarn/sb/status": {"statusFlags": 65536}}})", "", {},
        "byte 48: statusFlags: expected an integer from 0 to 65535"},
       {"unknown member", R"({"entitis": {}})", "", {}, "byte 1: unknown member \"entitis\""},
+      {"file ends inside a UTF-8 sequence", "{\"entities\xe6", "", {}, "byte 10: Invalid encoding in string."},
       {"unknown command", "", "show\nfrobnicate x\n", {}, "script:2: unknown command \"frobnicate\""},
       {"unknown state machine", "", "\ninvoke nothing run\n", {}, "script:2: unknown state machine \"nothing\""},
       {"unknown operation", "", "invoke tarnFeature fly\n", {}, "script:1: unknown operation \"fly\" of tarnFeature"},
