@@ -23,8 +23,6 @@ char const kVersions[] = "sentrel/measuredBootVersion";
 char const kFis[] = "sentrel/firstInstructionSecurity";
 char const kFeatures[] = "tarn/features/status";
 char const kPcrConfig[] = "tarn/pcrConfig/status";
-char const kSbStatus[] = "tarn/sb/status";
-char const kDefaults[] = "hardware/sentrel/config/sentrel";
 
 char const kMsr[] = "/dev/cpu/0/msr";
 char const kEfi[] = "/sys/firmware/efi";

@@ -10,6 +10,10 @@ namespace SentrelHost {
 
 using Loom::String;
 
+// The two inputs that other agents write on a switch.
+inline constexpr char kSbStatus[] = "tarn/sb/status";
+inline constexpr char kDefaults[] = "hardware/sentrel/config/sentrel";
+
 // Why a fact is false, empty or zero: something could not be read. An empty
 // attribute stands for the whole entity, which is absent.
 struct Diagnostic {

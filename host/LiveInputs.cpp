@@ -17,9 +17,6 @@ namespace SentrelHost {
 
 namespace {
 
-char const kSbStatus[] = "tarn/sb/status";
-char const kDefaults[] = "hardware/sentrel/config/sentrel";
-
 char const kSecureBootVar[] = "/sys/firmware/efi/efivars/SecureBoot-8be4df61-93ca-11d2-aa0d-00e098032b8c";
 char const kTpm[] = "/sys/class/tpm/tpm0";
 char const kTpmVersion[] = "/sys/class/tpm/tpm0/tpm_version_major";
