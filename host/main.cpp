@@ -1,25 +1,44 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iostream>
-#include <sstream>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "host/Host.h"
 
 namespace {
 
+// State files and scripts are a few kilobytes; more is a wrong path (a
+// device, a log), not input to wait for.
+constexpr std::size_t kMaxInputBytes = std::size_t{16} << 20;
+
+// The whole of a file named on the command line, "-" being standard input.
 SentrelHost::String readAll(SentrelHost::String const &path, char const *what) {
-   std::ostringstream text;
-   if (path == "-") {
-      text << std::cin.rdbuf();
-      return text.str();
+   auto fail = [&](SentrelHost::String const &problem) {
+      return SentrelHost::UsageError(std::string(what) + " " + path + ": " + problem);
+   };
+   int const fd = path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+   if (fd < 0) throw fail(std::strerror(errno));
+   struct stat st {};
+   if (fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
+      close(fd);
+      throw fail("is a folder, not a file");
    }
-   std::ifstream in(path, std::ios::binary);
-   if (!in) throw SentrelHost::UsageError(std::string(what) + " " + path + ": " + std::strerror(errno));
-   text << in.rdbuf();
-   if (in.bad()) throw SentrelHost::UsageError(std::string(what) + " " + path + ": cannot be read");
-   return text.str();
+   SentrelHost::String text;
+   char chunk[65536];
+   ssize_t n;
+   while ((n = read(fd, chunk, sizeof chunk)) != 0) {
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 || text.size() + static_cast<std::size_t>(n) > kMaxInputBytes) {
+         int const err = errno;
+         if (fd != STDIN_FILENO) close(fd);
+         throw fail(n < 0 ? std::strerror(err) : "larger than 16 MiB");
+      }
+      text.append(chunk, static_cast<std::size_t>(n));
+   }
+   if (fd != STDIN_FILENO) close(fd);
+   return text;
 }
 
 }  // namespace

@@ -168,6 +168,8 @@ TEST_F(HostTest, BadInputIsAUsageErrorNamingFilePositionAndProblem) {
       {"bad trace", "", "", {"--trace", "2-"}, "--trace takes levels 0 to 9"},
       {"missing state", "", "", {"--state", "/nonexistent/state.json"}, "--state /nonexistent/state.json: No such file"},
       {"bad toggles", "", "", {"--toggles", "/nonexistent"}, "--toggles /nonexistent: No such file"},
+      {"state is a folder", "", "", {"--state", "/"}, "--state /: is a folder, not a file"},
+      {"script that never ends", "", "", {"--script", "/dev/zero"}, "--script /dev/zero: larger than 16 MiB"},
       {"unknown option", "", "", {"--frob"}, "unknown argument '--frob'"},
    };
    for (auto const &c : cases) {
