@@ -10,8 +10,6 @@ using namespace SentrelTest;
 
 namespace {
 
-String const secureBootWarning = "Secure boot is currently disabled (default: enabled)";
-String const measuredBootWarning = "Measured boot is currently disabled (default: enabled)";
 String const notReady = "defaultSentrelStatus or sbStatus is not ready, skipping";
 char const *const checkEntry = "void Sentrel::CheckConfigurationStatusSm::checkConfigurationStatus()";
 
@@ -51,20 +49,20 @@ TEST(CheckConfigurationStatusSm, WarnsOnlyOfASettingOffAgainstAnOnDefault) {
       std::vector<String> wantTraces;
    };
    std::vector<Case> const cases{
-      {true, true, 0x0001, {secureBootWarning, measuredBootWarning}, {}},
+      {true, true, 0x0001, {kSecureBootOffWarning, kMeasuredBootOffWarning}, {}},
       {true, true, 0x0020, {}, {}},
       {false, false, 0x0020, {},
-       {"SecureBoot is currently enabled (default: disabled)",
-        "MeasuredBoot is currently enabled (default: disabled)"}},
+       {kSecureBootOnTrace,
+        kMeasuredBootOnTrace}},
       {false, false, 0x0001, {}, {}},
       {true, false, 0x0000, {}, {}},
       {false, true, 0x0021, {}, {}},
       // No other bit counts.
-      {true, true, 0xffdf, {secureBootWarning, measuredBootWarning}, {}},
+      {true, true, 0xffdf, {kSecureBootOffWarning, kMeasuredBootOffWarning}, {}},
       {false, false, 0xfffe, {},
-       {"SecureBoot is currently enabled (default: disabled)",
-        "MeasuredBoot is currently enabled (default: disabled)"}},
-      {true, true, 0xffde, {measuredBootWarning}, {}},
+       {kSecureBootOnTrace,
+        kMeasuredBootOnTrace}},
+      {true, true, 0xffde, {kMeasuredBootOffWarning}, {}},
    };
    for (auto const &c : cases) {
       SCOPED_TRACE(testing::Message() << c.secureDefault << c.measuredDefault << " 0x" << std::hex << c.flags);
@@ -121,7 +119,7 @@ TEST(CheckConfigurationStatusSm, ReadinessChangesRerunTheCheck) {
    Recorder rec;
 
    in.sb->readyIs(true);
-   EXPECT_EQ(rec.logTexts(), (std::vector<String>{secureBootWarning, measuredBootWarning}));
+   EXPECT_EQ(rec.logTexts(), (std::vector<String>{kSecureBootOffWarning, kMeasuredBootOffWarning}));
    rec.clear();
    in.sb->readyIs(false);
    in.defaults->configReadyIs(false);

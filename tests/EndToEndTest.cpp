@@ -83,11 +83,6 @@ bool traced(rapidjson::Document const &d, String const &text) {
 }
 
 String const kMb = "void Sentrel::MeasuredBootVersionSm::";
-String const kDeprecated =
-   " will be deprecated soon. Reason: Secure boot will not work after May 2027 due to certificate expiration. ";
-String const kPcrWarning =
-   "Error found in PCR bank config. Measured boot functionality may be limited. Please check PCR bank config. "
-   "Reason: ";
 
 }  // namespace
 
@@ -153,11 +148,11 @@ TEST_F(EndToEnd, BootloaderFeaturesAndTheDeprecationWarning) {
    std::vector<Case> const cases{
       {"outdated: warned at start-up and again when support comes back", "secureboot:26\nbootguard:10\n",
        "ro Tarn=7.1 quiet\n", true, set + "false\n" + set + "true\n", true, false, false,
-       {"Tarn=7.1" + kDeprecated, "Tarn=7.1" + kDeprecated}, "Logging Tarn Deprecation Warning"},
+       {"Tarn=7.1" + kDeprecationTail, "Tarn=7.1" + kDeprecationTail}, "Logging Tarn Deprecation Warning"},
       {"support withdrawn clears outdated", "secureboot:26\n", "x=1 Tarn=a.b Tarn=c\n", true, set + "false\n",
-       false, false, false, {"Tarn=a.b" + kDeprecated}, ""},
+       false, false, false, {"Tarn=a.b" + kDeprecationTail}, ""},
       {"support arriving after start-up warns then", "secureboot:26\n", "Tarn=7.1\n", false, set + "true\n",
-       true, false, false, {"Tarn=7.1" + kDeprecated}, ""},
+       true, false, false, {"Tarn=7.1" + kDeprecationTail}, ""},
       {"27 is current, 28 gives no measured boot", "secureboot:28\n", "Tarn=7.1\n", true, "", false, false, false,
        {}, ""},
       {"29 gives measured boot", "secureboot:29\n", "Tarn=7.1\n", true, "", false, false, true, {}, ""},
@@ -166,9 +161,9 @@ TEST_F(EndToEnd, BootloaderFeaturesAndTheDeprecationWarning) {
        true, {}, ""},
       {"minus one is a huge revision", "secureboot:-1\n", "Tarn=7.1\n", true, "", false, true, true, {}, ""},
       {"no Tarn entry", "secureboot:26\n", "ro Tarn= quiet\n", true, "", true, false, false,
-       {"This version of Tarn" + kDeprecated}, "Cannot find Tarn version in /proc/cmdline"},
+       {"This version of Tarn" + kDeprecationTail}, "Cannot find Tarn version in /proc/cmdline"},
       {"no command line", "secureboot:26\n", std::nullopt, true, "", true, false, false,
-       {"This version of Tarn" + kDeprecated}, "Cannot open /proc/cmdline"},
+       {"This version of Tarn" + kDeprecationTail}, "Cannot open /proc/cmdline"},
    };
    for (auto const &c : cases) {
       SCOPED_TRACE(c.name);
@@ -214,18 +209,18 @@ TEST_F(EndToEnd, PcrConfigurationAndItsWarningsSurviveARestartWithoutTheLog) {
    };
    std::vector<Case> const cases{
       {"start-up reads the log", "A=1\nPCRBANK=sha1+sha256\nPCRBANK=sha384\n", "", {"sha1", "sha256"},
-       {kPcrWarning + "Required PCR bank sha384 is not configured in PCRBANK",
-        kPcrWarning + "Required PCR bank sha384 is not currently enabled",
-        kPcrWarning + "PCR bank boot-config found on TPM 1.2 system"},
+       {kPcrWarningHead + "Required PCR bank sha384 is not configured in PCRBANK",
+        kPcrWarningHead + "Required PCR bank sha384 is not currently enabled",
+        kPcrWarningHead + "PCR bank boot-config found on TPM 1.2 system"},
        {"REQUIRED_PCR_NOT_CONFIGURED error found", "REQUIRED_PCR_NOT_ENABLED error found",
         "PCR_CONFIG_FOUND_ON_TPM12 error found",
         "Logging PCR bank config warning due to required PCR bank not configured",
         "Logging PCR bank config warning due to required PCR bank not enabled",
         "Logging PCR config warning due to PCR bank config found on TPM 1.2 system"}},
       {"restart without the log keeps the flags; no boot config names the required file", "", "restart\n", {},
-       {kPcrWarning + "Required PCR bank sha256 sha384 is not configured in PCRBANK",
-        kPcrWarning + "Required PCR bank sha384 is not currently enabled",
-        kPcrWarning + "PCR bank boot-config found on TPM 1.2 system"},
+       {kPcrWarningHead + "Required PCR bank sha256 sha384 is not configured in PCRBANK",
+        kPcrWarningHead + "Required PCR bank sha384 is not currently enabled",
+        kPcrWarningHead + "PCR bank boot-config found on TPM 1.2 system"},
        {"Cannot open " + required, "REQUIRED_PCR_NOT_CONFIGURED error found",
         "REQUIRED_PCR_NOT_ENABLED error found", "PCR_CONFIG_FOUND_ON_TPM12 error found",
         "Logging PCR bank config warning due to required PCR bank not configured",
@@ -339,10 +334,6 @@ TEST_F(EndToEnd, FirstInstructionSecurityOnIntelAndAmd) {
 TEST_F(EndToEnd, ConfigurationCheckRunsAgainWhenAnInputBecomesReady) {
    String const run = "void Sentrel::CheckConfigurationStatusSm::checkConfigurationStatus()";
    String const notReady = "defaultSentrelStatus or sbStatus is not ready, skipping";
-   String const sbOn = "SecureBoot is currently enabled (default: disabled)";
-   String const mbOn = "MeasuredBoot is currently enabled (default: disabled)";
-   String const sbOff = "Secure boot is currently disabled (default: enabled)";
-   String const mbOff = "Measured boot is currently disabled (default: enabled)";
    struct Case {
       char const *name;
       String sb, defaults, script;
@@ -353,13 +344,16 @@ TEST_F(EndToEnd, ConfigurationCheckRunsAgainWhenAnInputBecomesReady) {
       {"secure boot status becomes ready, again and again", R"("ready": false, "statusFlags": 1)",
        R"("secureBootEnabled": true, "measuredBootEnabled": true, "configReady": true)",
        sbReady + "true\n" + sbReady + "false\n" + sbReady + "true\n", {run, notReady, run, run, notReady, run},
-       {sbOff, mbOff, sbOff, mbOff}},
+       {kSecureBootOffWarning, kMeasuredBootOffWarning, kSecureBootOffWarning, kMeasuredBootOffWarning}},
       {"defaults become ready, then not", R"("ready": true, "statusFlags": 33)",
        R"("secureBootEnabled": true, "measuredBootEnabled": true, "configReady": false)",
-       configReady + "true\n" + configReady + "false\n", {run, notReady, run, run, notReady}, {sbOff}},
+       configReady + "true\n" + configReady + "false\n", {run, notReady, run, run, notReady},
+       {kSecureBootOffWarning}},
       {"settings on against off defaults are only traced", R"("ready": true, "statusFlags": 65534)",
        R"("secureBootEnabled": false, "measuredBootEnabled": false, "configReady": true)",
-       sbReady + "false\n" + sbReady + "true\n", {run, sbOn, mbOn, run, notReady, run, sbOn, mbOn}, {}},
+       sbReady + "false\n" + sbReady + "true\n",
+       {run, kSecureBootOnTrace, kMeasuredBootOnTrace, run, notReady, run, kSecureBootOnTrace, kMeasuredBootOnTrace},
+       {}},
    };
    for (auto const &c : cases) {
       SCOPED_TRACE(c.name);

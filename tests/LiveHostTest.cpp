@@ -89,8 +89,6 @@ std::vector<String> reasons(rapidjson::Value const &diags, String const &only = 
    return out;
 }
 
-String const kSecureBootOffWarning = "Secure boot is currently disabled (default: enabled)";
-String const kMeasuredBootOffWarning = "Measured boot is currently disabled (default: enabled)";
 String const kFis = "sentrel/firstInstructionSecurity ";
 String const kNoUefi = "not booted through UEFI: /sys/firmware/efi does not exist []";
 String const kAllFacts = "supported,systemFused,verifiedbootEnabled,measuredbootEnabled,devConfig,vendorSpecific: ";

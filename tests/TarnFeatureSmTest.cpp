@@ -14,9 +14,6 @@ using Rev = std::vector<std::pair<String, std::uint32_t>>;
 
 namespace {
 
-String const kWarning =
-   " will be deprecated soon. Reason: Secure boot will not work after May 2027 due to certificate expiration. ";
-
 // Features file and kernel command line in a temporary directory, which is
 // also the system root; nullopt leaves a file absent.
 struct Machine {
@@ -84,7 +81,7 @@ TEST(TarnFeatureSm, FactsFollowTheRevisionThresholds) {
       EXPECT_EQ(m.status->pcrMultibankSupported(), c.pcrMultibank);
       EXPECT_EQ(m.status->measuredbootSupported(), c.measuredboot);
       // Without a command line the warning names the fallback subject.
-      EXPECT_EQ(rec.logTexts(), c.sbOutdated ? std::vector<String>{"This version of Tarn" + kWarning}
+      EXPECT_EQ(rec.logTexts(), c.sbOutdated ? std::vector<String>{"This version of Tarn" + kDeprecationTail}
                                              : std::vector<String>{});
       if (!c.features) {
          EXPECT_EQ(rec.traceTexts(2), std::vector<String>{"Cannot open Tarn features file"});
@@ -172,7 +169,7 @@ TEST(TarnFeatureSm, SupportedChangesRecheckDeprecationAndMeasuredBootOnly) {
 
    m.sb->supportedIs(true);
    EXPECT_TRUE(m.status->sbOutdated());
-   EXPECT_EQ(rec.logTexts(), std::vector<String>{"Tarn=2.1" + kWarning});
+   EXPECT_EQ(rec.logTexts(), std::vector<String>{"Tarn=2.1" + kDeprecationTail});
    EXPECT_EQ(rec.logs().at(0).name, "TARN_DEPRECATION_WARNING");
    EXPECT_EQ(rec.traceTexts(2), std::vector<String>{"Logging Tarn Deprecation Warning"});
    EXPECT_EQ(rec.traceTexts(7), (std::vector<String>{
@@ -184,7 +181,7 @@ TEST(TarnFeatureSm, SupportedChangesRecheckDeprecationAndMeasuredBootOnly) {
    m.sb->supportedIs(false);
    EXPECT_FALSE(m.status->sbOutdated());
    m.sb->supportedIs(true);
-   EXPECT_EQ(rec.logTexts(), std::vector<String>(2, "Tarn=2.1" + kWarning));
+   EXPECT_EQ(rec.logTexts(), std::vector<String>(2, "Tarn=2.1" + kDeprecationTail));
 
    // Measured boot follows `supported` on the revisions read at start-up.
    m.sb->supportedIs(false);

@@ -10,10 +10,6 @@ using Loom::StringSet;
 
 namespace {
 
-String const reasonPrefix =
-   "Error found in PCR bank config. Measured boot functionality may be limited. Please check PCR bank "
-   "config. Reason: ";
-
 // The PCR status entity of a seeded ledger, its three files in a temporary
 // directory.
 struct Pcr {
@@ -184,7 +180,7 @@ TEST(TarnPcrConfigStatusSm, WarningsNameTheBanksConcernedInOrder) {
       Recorder rec;
       pcr.run();
       std::vector<String> want;
-      for (auto const &r : c.wantReasons) want.push_back(reasonPrefix + r);
+      for (auto const &r : c.wantReasons) want.push_back(kPcrWarningHead + r);
       EXPECT_EQ(rec.logTexts(), want);
       for (auto const &l : rec.logs()) {
          EXPECT_EQ(l.name, "MEASUREDBOOT_PCR_CONFIG_WARNING");
