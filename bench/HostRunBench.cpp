@@ -67,8 +67,9 @@ void BM_WholeRun(benchmark::State &state) {
    }
    double const shell = median(subjects.front().ms);
    for (auto const &s : subjects) {
-      state.counters[s.name + "_ms"] = median(s.ms);
-      if (&s != &subjects.front()) state.counters[s.name + "/sh"] = median(s.ms) / shell;
+      double const ms = median(s.ms);
+      state.counters[s.name + "_ms"] = ms;
+      if (&s != &subjects.front()) state.counters[s.name + "/sh"] = ms / shell;
    }
 }
 BENCHMARK(BM_WholeRun)->Iterations(200)->UseRealTime()->Unit(benchmark::kMillisecond);
