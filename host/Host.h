@@ -2,7 +2,6 @@
 
 #include <optional>
 #include <set>
-#include <stdexcept>
 #include <vector>
 
 #include "Sentrel/platform/Ledger.h"
@@ -10,38 +9,14 @@
 #include "Sentrel/platform/Trace.h"
 #include "host/Diagnostics.h"
 #include "host/JsonTree.h"
+#include "host/Options.h"
+#include "host/UsageError.h"
 
 namespace Sentrel {
 class Agent;  // only declared: the host reaches the agent through the framework
 }
 
 namespace SentrelHost {
-
-// A usage error or an unusable input: one line on standard error, exit 2.
-struct UsageError : std::runtime_error {
-   using std::runtime_error::runtime_error;
-};
-
-enum class Format { Text, Json };
-
-struct Options {
-   String agentPath;
-   std::optional<String> statePath;
-   // Fill the inputs from this Linux system: --live, or no --state.
-   bool live = false;
-   std::optional<String> sysroot;
-   std::optional<String> toggles;
-   std::optional<String> trace;
-   Format format = Format::Text;
-   std::optional<String> scriptPath;
-   bool syslog = true;
-   bool failOnWarning = false;
-   bool help = false;
-};
-
-// Parses the command line; throws UsageError.
-Options parseOptions(int argc, char **argv);
-extern char const *const kUsage;
 
 // What the framework does for the agent outside a switch: the state
 // database, the loaded agent, and what it logged and traced.
@@ -74,7 +49,7 @@ class Host {
    Options const &options() const { return options_; }
 
  private:
-   void runCommand(String const &where, String const &line, String &out);
+   void runScriptCommand(String const &where, String const &line, String &out);
    String showJson(std::optional<String> const &path) const;
    String showText(std::optional<String> const &path) const;
    Loom::Object *stateMachine(String const &name) const;

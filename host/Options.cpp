@@ -1,35 +1,37 @@
-#include <cstring>
+#include "host/Options.h"
 
-#include "host/Host.h"
+#include "host/UsageError.h"
 
 namespace SentrelHost {
 
 char const *const kUsage =
    "usage: sentrel [--agent PATH] [--live] [--state FILE] [--sysroot DIR] [--toggles DIR]\n"
-   "               [--trace LEVELS] [--format text|json] [--script FILE|-]\n"
-   "               [--no-syslog] [--fail-on-warning]\n"
+   "               [--trace LEVELS] [--format text|json|openmetrics] [--output FILE]\n"
+   "               [--script FILE|-] [--command-timeout SECONDS] [--no-syslog]\n"
+   "               [--fail-on-warning] [--fail-on-unknown] [--version] [--help]\n"
    "\n"
    "Loads the Sentrel agent as the agent framework does, runs it on this machine\n"
    "(or on the state and system root given) and prints what it published, with\n"
    "the reason for every fact that could not be read.\n"
    "\n"
-   "  --agent PATH       the agent to load (default: ../lib/libSentrel.so beside sentrel)\n"
-   "  --live             fill tarn/sb/status and the manufacturing defaults from this\n"
-   "                     Linux system (efivarfs, TPM, /etc/sentrel/defaults.json);\n"
-   "                     the default without --state\n"
-   "  --state FILE       JSON entities applied over the defaults (and the live inputs)\n"
-   "                     before the agent starts\n"
-   "  --sysroot DIR      system root for /proc, /dev and /sys files ($SENTREL_SYSROOT)\n"
-   "  --toggles DIR      feature toggle directory ($SENTREL_TOGGLES_DIR, /etc/sentrel/toggles)\n"
-   "  --trace LEVELS     trace levels of the facility Sentrel, e.g. 2 or 2,7 or 0-9 ($SENTREL_TRACE)\n"
-   "  --format text|json the report's format (default: text)\n"
-   "  --script FILE|-    commands run after start-up: set, insert, show, invoke, restart\n"
-   "  --no-syslog        do not send log messages to the system log\n"
-   "  --fail-on-warning  exit 1 when a log message was emitted\n"
-   "  --help             this text\n"
+   "  --agent PATH           the agent to load (default: the one installed beside sentrel)\n"
+   "  --live                 fill the inputs from this Linux system; the default without --state\n"
+   "  --state FILE           JSON entities applied before the agent starts\n"
+   "  --sysroot DIR          system root for /proc, /dev, /sys and /etc files ($SENTREL_SYSROOT)\n"
+   "  --toggles DIR          feature toggle folder ($SENTREL_TOGGLES_DIR, /etc/sentrel/toggles)\n"
+   "  --trace LEVELS         trace levels of the facility Sentrel, e.g. 2, 2,7 or 0-9 ($SENTREL_TRACE)\n"
+   "  --format FORMAT        text (default), json or openmetrics\n"
+   "  --output FILE          write the report to FILE atomically instead of standard output\n"
+   "  --script FILE|-        commands run after start-up: set, insert, show, invoke, restart\n"
+   "  --command-timeout SEC  deadline of each command the agent runs ($SENTREL_COMMAND_TIMEOUT, 10)\n"
+   "  --no-syslog            do not send log messages to the system log\n"
+   "  --fail-on-warning      exit 1 when a log message was emitted\n"
+   "  --fail-on-unknown      exit 4 when a fact is unknown\n"
+   "  --version              the version of sentrel\n"
    "\n"
-   "Exit status: 0 normally, 1 with --fail-on-warning after a warning, 2 for a usage error\n"
-   "or an unusable input, 3 when the agent left objects alive.\n";
+   "Exit status: 0, 1 (a warning, with --fail-on-warning), 2 (usage or unusable input),\n"
+   "3 (the agent left objects alive), 4 (an unknown fact, with --fail-on-unknown).\n"
+   "See sentrel(1) for the state file, the script commands, the inputs and the reasons.\n";
 
 Options parseOptions(int argc, char **argv) {
    Options o;
@@ -57,15 +59,25 @@ Options parseOptions(int argc, char **argv) {
             o.format = Format::Text;
          } else if (f == "json") {
             o.format = Format::Json;
+         } else if (f == "openmetrics") {
+            o.format = Format::OpenMetrics;
          } else {
-            throw UsageError("--format takes text or json, not '" + f + "'");
+            throw UsageError("--format takes text, json or openmetrics, not '" + f + "'");
          }
+      } else if (arg == "--output") {
+         o.outputPath = value();
       } else if (arg == "--script") {
          o.scriptPath = value();
+      } else if (arg == "--command-timeout") {
+         o.commandTimeout = value();
       } else if (arg == "--no-syslog") {
          o.syslog = false;
       } else if (arg == "--fail-on-warning") {
          o.failOnWarning = true;
+      } else if (arg == "--fail-on-unknown") {
+         o.failOnUnknown = true;
+      } else if (arg == "--version") {
+         o.version = true;
       } else if (arg == "--help" || arg == "-h") {
          o.help = true;
       } else {

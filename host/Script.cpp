@@ -36,14 +36,14 @@ void Host::runScript(String const &name, String const &text, String &out) {
       String const t = trimmed(line);
       if (t.empty() || t.front() == '#') continue;
       try {
-         runCommand(name, t, out);
+         runScriptCommand(name, t, out);
       } catch (UsageError const &e) {
          throw UsageError(name + ":" + std::to_string(n) + ": " + e.what());
       }
    }
 }
 
-void Host::runCommand(String const &, String const &line, String &out) {
+void Host::runScriptCommand(String const &, String const &line, String &out) {
    String rest = line;
    String const cmd = word(rest);
    if (cmd == "set" || cmd == "insert") {

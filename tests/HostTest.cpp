@@ -164,7 +164,7 @@ TEST_F(HostTest, BadInputIsAUsageErrorNamingFilePositionAndProblem) {
       {"unknown operation", "", "invoke tarnFeature fly\n", {}, "script:1: unknown operation \"fly\" of tarnFeature"},
       {"set on a set", "", "set tarn/sb/status enabledPcrBank \"x\"\n", {}, "script:1: enabledPcrBank is a set or map: use insert"},
       {"bad value", "", "set tarn/sb/status ready 1\n", {}, "script:1: ready: expected true or false, not number"},
-      {"bad format", "", "", {"--format", "xml"}, "--format takes text or json, not 'xml'"},
+      {"bad format", "", "", {"--format", "xml"}, "--format takes text, json or openmetrics, not 'xml'"},
       {"bad trace", "", "", {"--trace", "2-"}, "--trace takes levels 0 to 9"},
       {"missing state", "", "", {"--state", "/nonexistent/state.json"}, "--state /nonexistent/state.json: No such file"},
       {"bad toggles", "", "", {"--toggles", "/nonexistent"}, "--toggles /nonexistent: No such file"},
