@@ -18,6 +18,7 @@ struct ToggleState {
    std::optional<String> dir;
    std::map<String, unsigned> queries;
    std::set<String> reported;
+   std::map<String, ToggleInEffect> effective;
 };
 
 ToggleState &state() {
@@ -30,6 +31,9 @@ void reportOnce(String const &path, String const &problem) {
       std::fprintf(stderr, "toggle file %s: %s; using defaults\n", path.c_str(), problem.c_str());
    }
 }
+
+// The toggle's value from its file, or the default with a diagnostic.
+unsigned readToggleState(String const &name, String const &file, bool defaultValue);
 
 }  // namespace
 
@@ -55,6 +59,15 @@ unsigned toggleQueryCountForTest(String const &name) {
 
 unsigned getToggleState(String const &name, String const &file, bool defaultValue) {
    ++state().queries[name];
+   unsigned const value = readToggleState(name, file, defaultValue);
+   state().effective[name] = {(value & 1u) != 0, defaultValue, toggleDir() + "/" + file};
+   return value;
+}
+
+std::map<String, ToggleInEffect> const &togglesInEffect() { return state().effective; }
+
+namespace {
+unsigned readToggleState(String const &name, String const &file, bool defaultValue) {
    String const path = toggleDir() + "/" + file;
    std::FILE *f = std::fopen(path.c_str(), "r");
    if (!f) return defaultValue;
@@ -80,5 +93,7 @@ unsigned getToggleState(String const &name, String const &file, bool defaultValu
    }
    return it->value.GetBool() ? 1u : 0u;
 }
+
+}  // namespace
 
 }  // namespace Loom

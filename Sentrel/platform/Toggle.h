@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <optional>
 
 #include "Sentrel/platform/Export.h"
@@ -11,6 +12,16 @@ namespace Loom {
 // the toggle directory, or `defaultValue` when the file or name is absent.
 // A malformed file gives the default and one diagnostic on standard error.
 LOOM_API unsigned getToggleState(String const &name, String const &file, bool defaultValue);
+
+// A toggle as this process has it: its value, its default, and the file it
+// was read from.
+struct ToggleInEffect {
+   bool value;
+   bool defaultValue;
+   String file;
+};
+// Every toggle asked for so far, by name.
+LOOM_API std::map<String, ToggleInEffect> const &togglesInEffect();
 
 // The toggle directory: set explicitly, else $SENTREL_TOGGLES_DIR, else
 // /etc/sentrel/toggles.

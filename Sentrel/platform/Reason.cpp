@@ -1,0 +1,73 @@
+#include "Sentrel/platform/Reason.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace Loom {
+
+namespace {
+std::function<void(ReasonRecord const &)> &sink() {
+   static auto *s = new std::function<void(ReasonRecord const &)>;
+   return *s;
+}
+
+void send(Entity const *entity, String const &path, std::initializer_list<char const *> attributes,
+          String &&reason, String &&hint) {
+   if (!sink()) return;
+   ReasonRecord r{entity, path, {attributes.begin(), attributes.end()}, std::move(reason), std::move(hint)};
+   sink()(r);
+}
+}  // namespace
+
+void reasonSinkIs(std::function<void(ReasonRecord const &)> s) { sink() = std::move(s); }
+
+void reasonIs(Entity const &entity, std::initializer_list<char const *> attributes, String reason, String hint) {
+   send(&entity, {}, attributes, std::move(reason), std::move(hint));
+}
+
+void reasonAt(String const &path, std::initializer_list<char const *> attributes, String reason, String hint) {
+   send(nullptr, path, attributes, std::move(reason), std::move(hint));
+}
+
+String openFailure(String const &file, int err) {
+   if (err == EISDIR) return file + " is a folder, not a file";
+   return "cannot open " + file + ": " + std::strerror(err);
+}
+
+String openFailureHint(int err) { return err == EACCES || err == EPERM ? "run as root" : ""; }
+
+}  // namespace Loom
+
+#include <sys/utsname.h>
+
+#include "Sentrel/platform/SystemFile.h"
+
+namespace Loom {
+
+String kernelModuleHint(char const *module) {
+   // No /proc/modules: the kernel was built without module loading.
+   if (statSystemPath("/proc/modules") != 0) {
+      return String("this kernel cannot load modules and has no ") + module + " driver built in";
+   }
+   auto const disabled = readFile("/proc/sys/kernel/modules_disabled", true, 64);
+   if (disabled.data && !disabled.data->empty() && disabled.data->front() == '1') {
+      return String("module loading is disabled on this machine (kernel.modules_disabled=1): load ") + module +
+             " at boot";
+   }
+   struct utsname u {};
+   if (uname(&u) == 0) {
+      String const dir = String("/lib/modules/") + u.release;
+      bool isDir = false;
+      if (statSystemPath(dir.c_str(), &isDir) == 0 && isDir) {
+         auto const builtin = readFile(dir + "/modules.builtin", true);
+         auto const deps = readFile(dir + "/modules.dep", true);
+         String const file = String("/") + module + ".ko";
+         bool const known = (deps.data && deps.data->find(file) != String::npos) ||
+                            (builtin.data && builtin.data->find(file) != String::npos);
+         if (deps.data && !known) return String("this kernel has no ") + module + " driver";
+      }
+   }
+   return String("load the ") + module + " kernel module: modprobe " + module;
+}
+
+}  // namespace Loom
