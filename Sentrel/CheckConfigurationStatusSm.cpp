@@ -5,13 +5,14 @@
 #include "Sentrel/LogCatalogue.h"
 #include "Sentrel/PlatformHelpers.h"
 #include "Sentrel/SentrelTrace.h"
+#include "Sentrel/platform/Reason.h"
 
 namespace Sentrel {
 
 namespace {
 
-constexpr std::uint16_t secureBootDisabledBit = 0x0001;
-constexpr std::uint16_t measuredBootEnabledBit = 0x0020;
+constexpr std::uint16_t secureBootDisabledBit = Tarn::Secureboot::Status::secureBootDisabledBit;
+constexpr std::uint16_t measuredBootEnabledBit = Tarn::Secureboot::Status::measuredBootEnabledBit;
 
 }  // namespace
 
@@ -86,6 +87,10 @@ void CheckConfigurationStatusSm::checkConfigurationStatus() {
    }
    if (!defaultSentrelStatus_->configReady() || !sbStatus_->ready()) {
       TRACE2("defaultSentrelStatus or sbStatus is not ready, skipping");
+      static char const notCompared[] =
+         "not ready, so secure boot and measured boot were not compared with the manufacturing defaults";
+      if (!sbStatus_->ready()) Loom::reasonIs(*sbStatus_, {"ready"}, notCompared);
+      if (!defaultSentrelStatus_->configReady()) Loom::reasonIs(*defaultSentrelStatus_, {"configReady"}, notCompared);
       return;
    }
    std::uint16_t const flags = sbStatus_->statusFlags();

@@ -3,13 +3,16 @@
 #include <cerrno>
 #include <cstdint>
 #include <fcntl.h>
-#include <fstream>
+#include <cstring>
+#include <initializer_list>
 #include <cctype>
 #include <unistd.h>
 
 #include "Sentrel/PlatformHelpers.h"
 #include "Sentrel/SentrelTrace.h"
+#include "Sentrel/platform/Reason.h"
 #include "Sentrel/platform/Sysroot.h"
+#include "Sentrel/platform/SystemFile.h"
 
 namespace Sentrel {
 
@@ -25,11 +28,21 @@ char const kDevConfigKeyHash[] = "a71ccf391616919449c7e2368b42002ca8cabfe19012cb
 
 char const kPsbStatusPath[] = "/sys/firmware/efi/efivars/PsbStatus-f64c554f-d43b-4c82-9e1e-c261e17f7a01";
 // The 4-byte attributes word of the variable and its 76 bytes of data.
-std::streamsize const kPsbStatusSize = 80;
+std::size_t const kPsbStatusSize = 80;
 std::size_t const kPsbModelRevisionByte = 73;
 std::size_t const kPsbFlagsByte = 75;
 unsigned const kPsbEnabledAndFused = 0x11;
 unsigned const kPsbDevConfig = 0x02;
+
+// The facts each reader publishes, for its reasons. Measured boot is never
+// reported through the Platform Secure Boot variable.
+std::initializer_list<char const *> const kAllFacts{"cpuVendor",           "supported", "systemFused",
+                                                    "verifiedbootEnabled", "measuredbootEnabled", "devConfig",
+                                                    "vendorSpecific"};
+std::initializer_list<char const *> const kBootGuardFacts{"supported",           "systemFused", "verifiedbootEnabled",
+                                                          "measuredbootEnabled", "devConfig",   "vendorSpecific"};
+std::initializer_list<char const *> const kPsbFacts{"supported", "systemFused", "verifiedbootEnabled", "devConfig",
+                                                    "vendorSpecific"};
 
 // Closes the register file on every way out, after the commands have run.
 class FdCloser {
@@ -94,6 +107,7 @@ FirstInstructionSecuritySm::~FirstInstructionSecuritySm() { hasNotificationActiv
 void FirstInstructionSecuritySm::handleInitialized() {
    TRACE7("void Sentrel::FirstInstructionSecuritySm::handleInitialized()");
    if (!togglePlatformFirstInstructionSecurityEnabled()) {
+      toggleOffReason(*firstInstructionSecurity_, kAllFacts, "PlatformFirstInstructionSecurity", "Sentrel.json");
       initialized_ = true;
       return;
    }
@@ -118,11 +132,16 @@ void FirstInstructionSecuritySm::handleInitialized() {
 
 void FirstInstructionSecuritySm::getCpuVendorId() {
    TRACE7("void Sentrel::FirstInstructionSecuritySm::getCpuVendorId()");
-   String output;
-   if (!runCmd("lscpu", output)) return;
+   String output, why;
+   if (!runCmd("lscpu", output, &why)) {
+      Loom::reasonIs(*firstInstructionSecurity_, kAllFacts, why,
+                     why.ends_with("(not found in PATH)") ? "install util-linux, which provides lscpu" : "");
+      return;
+   }
    auto const found = searchVendorId(output);
    if (!found) {
       TRACE2("Cannot find vendor ID in lscpu");
+      Loom::reasonIs(*firstInstructionSecurity_, kAllFacts, "lscpu prints no \"Vendor ID:\" line");
       return;
    }
    String const &vendor = *found;
@@ -140,17 +159,33 @@ void FirstInstructionSecuritySm::getBootGuardStatus() {
    // Close-on-exec: the file stays open while BootGuardUtil runs.
    int const fd = open(Loom::sysrootPath(kMsrPath).c_str(), O_RDONLY | O_CLOEXEC);
    if (fd < 0) {
+      int const err = errno;
       TRACE2("Cannot open " << kMsrPath);
+      if (err == ENOENT) {
+         Loom::reasonIs(fis, kBootGuardFacts, String(kMsrPath) + " does not exist", Loom::kernelModuleHint("msr"));
+      } else {
+         Loom::reasonIs(fis, kBootGuardFacts, Loom::openFailure(kMsrPath, err), Loom::openFailureHint(err));
+      }
       return;
    }
    FdCloser const closer(fd);
+   auto const unreadable = [&](int err) {
+      Loom::reasonIs(fis, kBootGuardFacts,
+                     String("cannot read MSR 0x13A from ") + kMsrPath + ": " +
+                        (err ? std::strerror(err) : "fewer than 8 bytes were read"));
+   };
    if (lseek(fd, kBootGuardMsr, SEEK_SET) == -1) {
-      TRACE2("lseek fail errno: " << errno);
+      int const err = errno;
+      TRACE2("lseek fail errno: " << err);
+      unreadable(err);
       return;
    }
    unsigned char bytes[8];
+   errno = 0;
    if (read(fd, bytes, sizeof bytes) != static_cast<ssize_t>(sizeof bytes)) {
-      TRACE2("read fail errno: " << errno);
+      int const err = errno;
+      TRACE2("read fail errno: " << err);
+      unreadable(err);
       return;
    }
    std::uint64_t msr = 0;
@@ -161,12 +196,18 @@ void FirstInstructionSecuritySm::getBootGuardStatus() {
    if (msr & kVerifiedBootEnforced) fis.verifiedbootEnabledIs(true);
    if (msr & kMeasuredBootActive) fis.measuredbootEnabledIs(true);
 
-   String fused;
-   if (runCmd("BootGuardUtil fuse --status", fused)) fis.systemFusedIs(fused == "True");
+   String fused, why;
+   if (runCmd("BootGuardUtil fuse --status", fused, &why)) {
+      fis.systemFusedIs(fused == "True");
+   } else {
+      Loom::reasonIs(fis, {"systemFused"}, why);
+   }
    String keyHash;
-   if (runCmd("BootGuardUtil fuse --key-hash", keyHash)) {
+   if (runCmd("BootGuardUtil fuse --key-hash", keyHash, &why)) {
       if (keyHash == kDevConfigKeyHash) fis.devConfigIs(true);
       fis.vendorSpecificIs(VendorSpecific{std::in_place_index<0>, keyHash});
+   } else {
+      Loom::reasonIs(fis, {"devConfig", "vendorSpecific"}, why);
    }
 }
 
@@ -175,25 +216,37 @@ void FirstInstructionSecuritySm::getPsbStatus() {
    auto &fis = *firstInstructionSecurity_;
    VendorSpecific value{std::in_place_index<1>, ModelRevisionId{0, 0}};
 
-   std::ifstream file(Loom::sysrootPath(kPsbStatusPath));
-   if (!file.is_open()) {
+   Loom::FileRead const file = Loom::readFile(kPsbStatusPath, true, kPsbStatusSize);
+   if (!file.data && file.err != EISDIR) {
       TRACE2("Cannot open EFI variable file");
+      bool efi = false;
+      if (file.err == ENOENT && (Loom::statSystemPath("/sys/firmware/efi", &efi) != 0 || !efi)) {
+         Loom::reasonIs(fis, kPsbFacts, "not booted through UEFI (/sys/firmware/efi does not exist), so there is no PsbStatus variable");
+      } else if (file.err == ENOENT) {
+         Loom::reasonIs(fis, kPsbFacts, "no PsbStatus variable: the firmware does not publish the Platform Secure Boot state");
+      } else {
+         Loom::reasonIs(fis, kPsbFacts, Loom::openFailure(kPsbStatusPath, file.err), Loom::openFailureHint(file.err));
+      }
       fis.vendorSpecificIs(value);
       return;
    }
-   char data[kPsbStatusSize];
-   file.read(data, kPsbStatusSize);
-   if (!file) {
-      if (file.gcount() == kPsbStatusSize) {
-         TRACE2("Cannot read EFI variable file");
-      } else {
-         TRACE2("Error, EFI variable file smaller than expected, Expected "
-                << kPsbStatusSize << " bytes, but only " << file.gcount() << " bytes were read");
-      }
+   if (file.err == EISDIR) {
+      // A folder opens as a file does and reads nothing.
+      TRACE2("Error, EFI variable file smaller than expected, Expected " << kPsbStatusSize
+                                                                        << " bytes, but only 0 bytes were read");
+      Loom::reasonIs(fis, kPsbFacts, Loom::openFailure(kPsbStatusPath, file.err));
       return;
    }
-   if (file.peek() != std::ifstream::traits_type::eof()) {
+   std::string const &data = *file.data;
+   if (data.size() < kPsbStatusSize) {
+      TRACE2("Error, EFI variable file smaller than expected, Expected "
+             << kPsbStatusSize << " bytes, but only " << data.size() << " bytes were read");
+      Loom::reasonIs(fis, kPsbFacts, "the PsbStatus variable holds " + std::to_string(data.size()) + " bytes, not 80");
+      return;
+   }
+   if (file.err == EFBIG) {
       TRACE2("Error, EFI variable file larger than expected size " << kPsbStatusSize);
+      Loom::reasonIs(fis, kPsbFacts, "the PsbStatus variable holds more than 80 bytes");
       return;
    }
 
@@ -208,7 +261,6 @@ void FirstInstructionSecuritySm::getPsbStatus() {
    auto const id = static_cast<unsigned char>(data[kPsbModelRevisionByte]);
    value = ModelRevisionId{static_cast<std::uint8_t>(id >> 4), static_cast<std::uint8_t>(id & 0x0F)};
    fis.vendorSpecificIs(value);
-   file.close();
 }
 
 }  // namespace Sentrel

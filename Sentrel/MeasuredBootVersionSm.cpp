@@ -1,9 +1,11 @@
 #include "Sentrel/MeasuredBootVersionSm.h"
 
+#include <cerrno>
 #include <fstream>
 
 #include "Sentrel/PlatformHelpers.h"
 #include "Sentrel/SentrelTrace.h"
+#include "Sentrel/platform/Reason.h"
 
 namespace Sentrel {
 
@@ -62,16 +64,27 @@ void MeasuredBootVersionSm::handleInitialized() {
 
 void MeasuredBootVersionSm::readTarnMeasuredBootVersion() {
    TRACE7("void Sentrel::MeasuredBootVersionSm::readTarnMeasuredBootVersion()");
-   std::ifstream file(measuredBootVersion_->tarnVersionFilePath());
+   String const &path = measuredBootVersion_->tarnVersionFilePath();
+   std::ifstream file(path);
    if (!file.is_open()) {
+      int const err = errno;
       TRACE2("Cannot open Tarn measured boot version file");
+      inputFileReason(*measuredBootVersion_, {"tarn"}, "tarnVersionFilePath", path, err);
       measuredBootVersion_->tarnIs("");
       return;
    }
    // A bounded read: a first line of 64 characters or more fails.
    char line[64];
+   errno = 0;
    if (!file.getline(line, sizeof line)) {
+      int const err = errno;
       TRACE2("Cannot read Tarn measured boot version");
+      if (err == EISDIR) {
+         inputFileReason(*measuredBootVersion_, {"tarn"}, "tarnVersionFilePath", path, err);
+      } else {
+         Loom::reasonIs(*measuredBootVersion_, {"tarn"},
+                        path + " is empty or its first line is 64 characters or longer");
+      }
       measuredBootVersion_->tarnIs("");
    } else {
       measuredBootVersion_->tarnIs(line);
@@ -82,8 +95,17 @@ void MeasuredBootVersionSm::readTarnMeasuredBootVersion() {
 void MeasuredBootVersionSm::readVexoMeasuredBootVersion() {
    TRACE7("void Sentrel::MeasuredBootVersionSm::readVexoMeasuredBootVersion()");
    JsonDocument document;
-   if (!parseJsonFile(measuredBootVersion_->vexoVersionFilePath().c_str(), document)) {
+   String const &path = measuredBootVersion_->vexoVersionFilePath();
+   int err = 0;
+   if (!parseJsonFile(path.c_str(), document, &err)) {
       TRACE2("Cannot find Vexo measured boot version file");
+      if (err != 0) {
+         inputFileReason(*measuredBootVersion_, {"vexo"}, "vexoVersionFilePath", path, err);
+      } else {
+         Loom::reasonIs(*measuredBootVersion_, {"vexo"},
+                        path + " is not valid JSON: " + rapidjson::GetParseError_En(document.GetParseError()) +
+                           " (byte " + std::to_string(document.GetErrorOffset()) + ")");
+      }
       measuredBootVersion_->vexoIs("");
       return;
    }
@@ -92,6 +114,7 @@ void MeasuredBootVersionSm::readVexoMeasuredBootVersion() {
    auto member = document.FindMember("measuredBootVersion");
    if (member == document.MemberEnd()) {
       TRACE2("Cannot find Vexo measured boot version in json file");
+      Loom::reasonIs(*measuredBootVersion_, {"vexo"}, path + " has no \"measuredBootVersion\" member");
       measuredBootVersion_->vexoIs("");
       return;
    }

@@ -2,27 +2,41 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 #include <vector>
 
 #include "Sentrel/SentrelTrace.h"
+#include "Sentrel/platform/Reason.h"
 #include "Sentrel/platform/RunCommand.h"
+#include "Sentrel/platform/SystemFile.h"
 #include "Sentrel/platform/Toggle.h"
 
 namespace Sentrel {
 
-bool runCmd(std::string const &command, String &output) {
+String commandFailure(std::string const &command, int code) {
+   String const name = command.substr(0, command.find(' '));
+   if (code == 127) return name + " is not installed (not found in PATH)";
+   if (code == 126) return name + " cannot be run (not an executable, or permission denied)";
+   if (code > 128) return command + " was ended by signal " + std::to_string(code - 128);
+   return command + " failed with exit code " + std::to_string(code);
+}
+
+bool runCmd(std::string const &command, String &output, String *why) {
    int fds[2];
    // Close-on-exec, so no other child inherits the pipe and holds it open.
    if (pipe2(fds, O_CLOEXEC) != 0) {
-      TRACE2("Failed to open pipe, errno: " << errno);
+      int const err = errno;
+      TRACE2("Failed to open pipe, errno: " << err);
+      if (why) *why = "cannot run " + command + ": no pipe: " + std::strerror(err);
       return false;
    }
    int const code = Loom::runCommand(command, Loom::kNoInput, fds[1], Loom::kDiscard);
    close(fds[1]);
    if (code != 0) {
       TRACE2("Command " << command << " return error code: " << code);
+      if (why) *why = commandFailure(command, code);
       close(fds[0]);
       return false;
    }
@@ -31,7 +45,9 @@ bool runCmd(std::string const &command, String &output) {
    ssize_t n;
    while ((n = read(fds[0], chunk, sizeof chunk)) > 0) output.append(chunk, static_cast<std::size_t>(n));
    if (n < 0) {
-      TRACE2("Failed to read from pipe, errno: " << errno);
+      int const err = errno;
+      TRACE2("Failed to read from pipe, errno: " << err);
+      if (why) *why = "cannot read the output of " + command + ": " + std::strerror(err);
       close(fds[0]);
       return false;
    }
@@ -40,13 +56,18 @@ bool runCmd(std::string const &command, String &output) {
    return true;
 }
 
-bool parseJsonFile(char const *path, JsonDocument &document) {
-   std::FILE *f = std::fopen(path, "r");
-   if (!f) return false;
+bool parseJsonFile(char const *path, JsonDocument &document, int *openErr) {
+   std::FILE *f = std::fopen(path, "re");
+   if (!f) {
+      if (openErr) *openErr = errno;
+      return false;
+   }
    char buffer[256];
    rapidjson::FileReadStream stream(f, buffer, sizeof buffer);
    document.ParseStream(stream);
    if (document.HasParseError()) {
+      // A folder opens and fails on read: say so rather than "not JSON".
+      if (openErr && std::ferror(f)) *openErr = errno ? errno : EIO;
       // The handle is left open on a parse error, as designed; it is listed
       // so that it stays reachable rather than lost.
       static auto *leftOpen = new std::vector<std::FILE *>;
@@ -55,6 +76,42 @@ bool parseJsonFile(char const *path, JsonDocument &document) {
    }
    std::fclose(f);
    return true;
+}
+
+void inputFileReason(Loom::Entity const &entity, std::initializer_list<char const *> attrs, char const *pathAttr,
+                     String const &path, int err) {
+   String const elsewhere = String("set ") + pathAttr + " if the file is elsewhere";
+   if (path.empty()) {
+      Loom::reasonIs(entity, attrs, String(pathAttr) + " names no file", elsewhere);
+   } else {
+      Loom::reasonIs(entity, attrs, Loom::openFailure(path, err),
+                     err == ENOENT || err == EISDIR ? elsewhere : Loom::openFailureHint(err));
+   }
+}
+
+std::optional<String> readInputFile(Loom::Entity const &entity, std::initializer_list<char const *> attrs,
+                                    char const *pathAttr, String const &path, int &err) {
+   Loom::FileRead r = Loom::readFile(path, false);
+   err = path.empty() ? ENOENT : r.err;
+   if (!r.data || err == EISDIR) {
+      inputFileReason(entity, attrs, pathAttr, path, err);
+      // A folder opens as a file does and holds nothing.
+      return err == EISDIR ? std::optional<String>(String()) : std::nullopt;
+   }
+   if (err == EFBIG) {
+      TRACE2("File " << path << " is larger than " << Loom::kMaxFileBytes << " bytes, read no further");
+      Loom::reasonIs(entity, attrs,
+                     path + " is larger than " + std::to_string(Loom::kMaxFileBytes >> 20) +
+                        " MiB: only its beginning was read",
+                     "");
+   }
+   return std::move(r.data);
+}
+
+void toggleOffReason(Loom::Entity const &entity, std::initializer_list<char const *> attrs, char const *name,
+                     char const *file) {
+   Loom::reasonIs(entity, attrs, String("the feature toggle ") + name + " is off (" + Loom::toggleDir() + "/" + file + ")",
+                  "");
 }
 
 }  // namespace Sentrel

@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
+#include <sstream>
 #include <limits>
 #include <cctype>
 #include <optional>
@@ -11,7 +11,8 @@
 
 #include "Sentrel/LogCatalogue.h"
 #include "Sentrel/SentrelTrace.h"
-#include "Sentrel/platform/Sysroot.h"
+#include "Sentrel/PlatformHelpers.h"
+#include "Sentrel/platform/SystemFile.h"
 
 namespace Sentrel {
 
@@ -112,12 +113,15 @@ std::optional<std::string> searchTarnEntry(std::string const &line) {
 
 void TarnFeatureSm::getRevisionFromFeaturesFile() {
    TRACE7("void Sentrel::TarnFeatureSm::getRevisionFromFeaturesFile()");
-   Loom::String const path = tarnFeatureStatus_->featuresFilePath();
-   std::ifstream file(path);
-   if (!file.is_open()) {
+   int err = 0;
+   auto const text = readInputFile(*tarnFeatureStatus_,
+                                   {"featureRev", "sbOutdated", "pcrMultibankSupported", "measuredbootSupported"},
+                                   "featuresFilePath", tarnFeatureStatus_->featuresFilePath(), err);
+   if (!text) {
       TRACE2("Cannot open Tarn features file");
       return;
    }
+   std::istringstream file(*text);
    std::string line;
    while (std::getline(file, line)) {
       auto const colon = line.find(':');
@@ -136,7 +140,6 @@ void TarnFeatureSm::getRevisionFromFeaturesFile() {
          break;
       }
    }
-   file.close();
 }
 
 void TarnFeatureSm::populateSbOutdatedFromSbVersion() {
@@ -149,13 +152,15 @@ void TarnFeatureSm::populateSbOutdatedFromSbVersion() {
 Loom::String TarnFeatureSm::getRunningTarnVersion() {
    TRACE7("Loom::String Sentrel::TarnFeatureSm::getRunningTarnVersion()");
    static char const fallback[] = "This version of Tarn";
-   std::ifstream cmdline(Loom::sysrootPath("/proc/cmdline"));
-   if (!cmdline.is_open()) {
+   // Bounded: the kernel's command line is a few kilobytes at most.
+   Loom::FileRead const cmdline = Loom::readFile("/proc/cmdline", true, 1 << 20);
+   // A folder opens as a file does and reads as empty.
+   if (!cmdline.data && cmdline.err != EISDIR) {
       TRACE2("Cannot open /proc/cmdline");
       return fallback;
    }
-   std::string line;
-   std::getline(cmdline, line);
+   std::string const text = cmdline.data.value_or("");
+   std::string const line = text.substr(0, text.find('\n'));
    if (auto entry = searchTarnEntry(line)) return *entry;
    TRACE2("Cannot find Tarn version in /proc/cmdline");
    return fallback;

@@ -1,6 +1,5 @@
 #include "Sentrel/TarnPcrConfigStatusSm.h"
 
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -60,17 +59,25 @@ void TarnPcrConfigStatusSm::handleInitialized() {
       readRequiredPcrBank();
       readConfiguredPcrBank();
       checkPcrConfigErrorLog();
+   } else {
+      toggleOffReason(*tarnPcrConfigStatus_,
+                      {"requiredPcrBank", "configuredPcrBank", "requiredPcrNotConfigured", "requiredPcrNotEnabled",
+                       "pcrConfigFoundOnTpm12"},
+                      "PcrMultibank", "SecureBoot.json");
    }
    initialized_ = true;
 }
 
 void TarnPcrConfigStatusSm::readRequiredPcrBank() {
    TRACE7("void Sentrel::TarnPcrConfigStatusSm::readRequiredPcrBank()");
-   std::ifstream file(tarnPcrConfigStatus_->requiredPcrBankFilePath());
-   if (!file.is_open()) {
+   int err = 0;
+   auto const text = readInputFile(*tarnPcrConfigStatus_, {"requiredPcrBank"}, "requiredPcrBankFilePath",
+                                   tarnPcrConfigStatus_->requiredPcrBankFilePath(), err);
+   if (!text) {
       TRACE2("Cannot open " << tarnPcrConfigStatus_->requiredPcrBankFilePath());
       return;
    }
+   std::istringstream file(*text);
    // Any white space separates, so the file's line structure does not matter.
    std::string bank;
    while (file >> bank) tarnPcrConfigStatus_->requiredPcrBankIs(bank);
@@ -78,13 +85,16 @@ void TarnPcrConfigStatusSm::readRequiredPcrBank() {
 
 void TarnPcrConfigStatusSm::readConfiguredPcrBank() {
    TRACE7("void Sentrel::TarnPcrConfigStatusSm::readConfiguredPcrBank()");
-   std::ifstream file(tarnPcrConfigStatus_->configuredPcrBankFilePath());
-   if (!file.is_open()) {
+   int err = 0;
+   auto const text = readInputFile(*tarnPcrConfigStatus_, {"configuredPcrBank"}, "configuredPcrBankFilePath",
+                                   tarnPcrConfigStatus_->configuredPcrBankFilePath(), err);
+   if (!text) {
       // Names the required-bank file, not this one, as this message always has.
       TRACE2("Cannot open " << tarnPcrConfigStatus_->requiredPcrBankFilePath());
       return;
    }
    static constexpr char prefix[] = "PCRBANK=";
+   std::istringstream file(*text);
    std::string line;
    while (std::getline(file, line, '\n')) {
       if (!beginsWith(line, prefix)) continue;
@@ -99,12 +109,16 @@ void TarnPcrConfigStatusSm::readConfiguredPcrBank() {
 
 void TarnPcrConfigStatusSm::checkPcrConfigErrorLog() {
    TRACE7("void Sentrel::TarnPcrConfigStatusSm::checkPcrConfigErrorLog()");
-   std::ifstream file(tarnPcrConfigStatus_->errorLogFilePath());
-   if (!file.is_open()) {
+   int err = 0;
+   auto const text = readInputFile(*tarnPcrConfigStatus_,
+                                   {"requiredPcrNotConfigured", "requiredPcrNotEnabled", "pcrConfigFoundOnTpm12"},
+                                   "errorLogFilePath", tarnPcrConfigStatus_->errorLogFilePath(), err);
+   if (!text) {
       // The flags of an earlier run stand until a log can be read again.
       TRACE2("Cannot open Tarn PCR config error log file");
       return;
    }
+   std::istringstream file(*text);
    auto &status = *tarnPcrConfigStatus_;
    status.requiredPcrNotConfiguredIs(false);
    status.requiredPcrNotEnabledIs(false);
@@ -123,7 +137,6 @@ void TarnPcrConfigStatusSm::checkPcrConfigErrorLog() {
       }
    }
    logPcrConfigError();
-   file.close();
 }
 
 void TarnPcrConfigStatusSm::logPcrConfigError() {

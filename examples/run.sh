@@ -8,4 +8,4 @@ sentrel="${SENTREL:-$here/../build/bin/sentrel}"
 cd "$here/switch"
 # SENTREL_WRAPPER runs the host under another program (valgrind, say).
 PATH="$here/switch/$variant/bin:$PATH" exec ${SENTREL_WRAPPER:-} "$sentrel" --state state.json --sysroot "$variant/root" \
-  --toggles toggles --script script.txt "$@"
+  --toggles toggles --script script.txt --no-syslog "$@"

@@ -1,8 +1,10 @@
 #include "host/Host.h"
 
 #include <cstdio>
+#include <algorithm>
 #include <dlfcn.h>
 #include <filesystem>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Sentrel/platform/RunCommand.h"
@@ -26,6 +28,22 @@ String besideExecutable(char const *relative) {
    if (n <= 0) return relative;
    String exe(buf, static_cast<std::size_t>(n));
    return exe.substr(0, exe.rfind('/') + 1) + relative;
+}
+
+// Where a diagnostic stands in the report: state tree order, then the
+// attribute's order in its type, the whole entity first.
+std::size_t rank(Diagnostic const &d) {
+   auto const &tree = Sentrel::stateTree();
+   for (std::size_t i = 0; i < tree.size(); ++i) {
+      if (d.entity != tree[i].path) continue;
+      std::size_t a = 0;
+      if (auto const *type = Loom::findType(tree[i].typeName); type && !d.attribute.empty()) {
+         while (a < type->attrs.size() && type->attrs[a].name != d.attribute) ++a;
+         ++a;
+      }
+      return i * 1000 + a;
+   }
+   return tree.size() * 1000;
 }
 
 String at(String const &file, std::size_t offset, String const &problem) {
@@ -78,13 +96,8 @@ Host::Host(Options options) : options_(std::move(options)) {
       if (!mask) throw UsageError(String(source) + " takes levels 0 to 9 such as 2, 2,7 or 0-9, not '" + *levels + "'");
       userTraceLevels_ = *mask;
    }
-   // Level 2 is always on: its records are the reasons for missing facts.
-   // The user sees only the levels asked for.
-   Loom::traceLevelsIs("Sentrel", userTraceLevels_ | 1u << 2);
+   Loom::traceLevelsIs("Sentrel", userTraceLevels_);
    Loom::traceSinkIs([this](Loom::TraceRecord const &r) {
-      bool const ours = r.facility == "Sentrel";
-      if (ours && r.level == 2) problems_.push_back(r);
-      if (ours && !((userTraceLevels_ >> r.level) & 1u)) return;
       if (options_.format == Format::Json) {
          traces_.push_back(r);
       } else {
@@ -93,7 +106,12 @@ Host::Host(Options options) : options_(std::move(options)) {
       }
    });
    Loom::logSinkIs([this](Loom::LogRecord const &r) { logs_.push_back(r); });
+   Loom::reasonSinkIs([this](Loom::ReasonRecord const &r) { reasonReceived(r); });
    Loom::logSyslogIs(options_.syslog, "Sentrel");
+   struct stat st {};
+   if (options_.syslog && (stat("/dev/log", &st) != 0 || !S_ISSOCK(st.st_mode))) {
+      std::fputs("sentrel: no system log socket (/dev/log): warnings are in the report only\n", stderr);
+   }
 }
 
 Host::~Host() {
@@ -102,6 +120,7 @@ Host::~Host() {
    Loom::traceSinkIs(nullptr);
    Loom::traceLevelsIs("Sentrel", userTraceLevels_);
    Loom::logSinkIs(nullptr);
+   Loom::reasonSinkIs(nullptr);
 }
 
 void Host::loadAgent() {
@@ -120,29 +139,71 @@ void Host::seedLedger() {
 }
 
 void Host::applyLive() {
-   for (auto &d : fillLiveInputs(*em_)) {
-      String value = entityValueJson(*em_, d.entity, d.attribute);
-      live_.push_back({std::move(d), std::move(value)});
+   LiveInputs live = readLiveInputs();
+   applyDocument(kDefaultsFile, live.document, "/");
+   // Reported once the values stand, so each reason holds the value it explains.
+   for (auto const &r : live.reasons) reasonReceived(r);
+   notes_ = std::move(live.notes);
+   unknownInputs_ = std::move(live.unknownInputs);
+}
+
+void Host::reasonReceived(Loom::ReasonRecord const &r) {
+   String path = r.path;
+   if (r.entity) {
+      for (auto const &e : Sentrel::stateTree()) {
+         if (em_->lookup(e.path).ptr() == r.entity) path = e.path;
+      }
    }
+   if (path.empty()) return;  // an entity outside the state tree: nowhere to show it
+   auto add = [&](String const &attr) {
+      String value = entityValueJson(*em_, path, attr);
+      std::erase_if(findings_, [&](Finding const &f) {
+         return f.diagnostic.entity == path && f.diagnostic.attribute == attr;
+      });
+      findings_.push_back({{path, attr, r.reason, r.hint}, std::move(value)});
+   };
+   if (r.attributes.empty()) add("");
+   for (auto const &a : r.attributes) add(a);
 }
 
 std::vector<Diagnostic> Host::diagnostics() const {
-   std::vector<Diagnostic> live;
-   for (auto const &f : live_) {
+   std::vector<Diagnostic> out;
+   for (auto const &f : findings_) {
       auto const &d = f.diagnostic;
-      if (stated_.count({d.entity, ""}) || stated_.count({d.entity, d.attribute})) continue;
+      // Set since by --state, a script or a later reading: no longer unknown.
       if (entityValueJson(*em_, d.entity, d.attribute) != f.value) continue;
-      live.push_back(d);
+      out.push_back(d);
+      if (auto note = notes_.find(d.entity); note != notes_.end()) {
+         out.back().reason = note->second + "; " + d.reason;
+      }
    }
-   return diagnose(*em_, problems_, live);
+   std::stable_sort(out.begin(), out.end(), [](auto const &a, auto const &b) { return rank(a) < rank(b); });
+   return out;
 }
 
 void Host::applyState(String const &path, String const &text) {
    JsonError err;
    auto root = parseJson(text, err);
    if (!root) throw UsageError(at(path, err.offset, err.message));
-   if (root->type != JsonNode::Object) throw UsageError(at(path, root->offset, "expected an object with \"entities\""));
    String const dir = std::filesystem::absolute(path).parent_path().string();
+   applyDocument(path, *root, dir);
+}
+
+void Host::applyDocument(String const &path, JsonNode const &doc, String const &dir) {
+   // What the document sets is known: earlier reasons for it no longer hold.
+   auto stated = [this](String const &entity, String const &attr) {
+      std::erase_if(findings_, [&](Finding const &f) {
+         return f.diagnostic.entity == entity && (attr.empty() || f.diagnostic.attribute == attr);
+      });
+      if (entity == kDefaults) unknownInputs_.erase("manufacturing defaults");
+      if (entity == kSbStatus && (attr.empty() || attr == "statusFlags")) {
+         unknownInputs_.erase("secure boot");
+         unknownInputs_.erase("measured boot");
+      }
+      if (entity == kSbStatus && (attr.empty() || attr == "enabledPcrBank")) unknownInputs_.erase("enabled PCR banks");
+   };
+   auto const *root = &doc;
+   if (root->type != JsonNode::Object) throw UsageError(at(path, root->offset, "expected an object with \"entities\""));
    std::set<String> nulled;
    for (auto const &[key, entities] : root->members) {
       if (key.text != "entities") throw UsageError(at(path, key.offset, "unknown member \"" + key.text + "\""));
@@ -153,7 +214,7 @@ void Host::applyState(String const &path, String const &text) {
          if (attrs.type == JsonNode::Null) {
             em_->entityDel(entry->path);
             nulled.insert(entry->path);
-            stated_.insert({entry->path, ""});
+            stated(entry->path, "");
             continue;
          }
          if (attrs.type != JsonNode::Object) {
@@ -165,7 +226,7 @@ void Host::applyState(String const &path, String const &text) {
             // at its defaults.
             em_->entityIs(entry->path, Loom::ptrCast<Loom::Entity>(Loom::findType(entry->typeName)->create()));
             entity = em_->lookup(entry->path);
-            stated_.insert({entry->path, ""});
+            stated(entry->path, "");
          }
          if (!entity) throw UsageError(at(path, attrs.offset, "entity \"" + pathKey.text + "\" was made absent above"));
          for (auto const &[attrKey, value] : attrs.members) {
@@ -178,7 +239,7 @@ void Host::applyState(String const &path, String const &text) {
             auto *s = std::get_if<String>(&c.value);
             if (s && attr->name.ends_with("FilePath") && !s->empty() && s->front() != '/') *s = dir + "/" + *s;
             if (auto e = assign(*entity, *attr, c.value)) throw UsageError(at(path, value.offset, attrKey.text + ": " + *e));
-            stated_.insert({entry->path, attrKey.text});
+            stated(entry->path, attrKey.text);
          }
       }
    }

@@ -1,13 +1,13 @@
 #pragma once
 
 #include <optional>
-#include <set>
+#include <map>
 #include <vector>
 
 #include "Sentrel/platform/Ledger.h"
 #include "Sentrel/platform/Log.h"
 #include "Sentrel/platform/Trace.h"
-#include "host/Diagnostics.h"
+#include "Sentrel/platform/Reason.h"
 #include "host/JsonTree.h"
 #include "host/Options.h"
 #include "host/UsageError.h"
@@ -17,6 +17,15 @@ class Agent;  // only declared: the host reaches the agent through the framework
 }
 
 namespace SentrelHost {
+
+// Why a fact is unknown: something could not be read. An empty attribute
+// stands for the whole entity, which is absent.
+struct Diagnostic {
+   String entity;
+   String attribute;
+   String reason;
+   String hint;
+};
 
 // What the framework does for the agent outside a switch: the state
 // database, the loaded agent, and what it logged and traced.
@@ -34,6 +43,9 @@ class Host {
    void applyLive();
    // Applies a state file (JSON, the shape of the report's entities).
    void applyState(String const &path, String const &text);
+   // Applies a parsed state document; errors name `file` and offsets in it,
+   // relative file paths are taken from `dir`.
+   void applyDocument(String const &file, JsonNode const &root, String const &dir);
    void startAgent();
    void stopAgent();
    // Runs a script; what it prints is appended to `out`.
@@ -41,6 +53,9 @@ class Host {
    // The whole state, in the chosen format, with the reasons for the facts
    // that could not be read.
    String report() const;
+   // The reasons for the facts that are unknown now, in the order of the
+   // state tree: the latest for each fact, while the fact keeps the value it
+   // had when the reason came.
    std::vector<Diagnostic> diagnostics() const;
    // Destroys the agent and the database; false if anything is still alive.
    bool shutDown();
@@ -62,17 +77,16 @@ class Host {
    std::vector<Loom::LogRecord> logs_;
    std::vector<Loom::TraceRecord> traces_;  // of the levels the user enabled
    unsigned userTraceLevels_ = 0;
-   // Level-2 records of the facility Sentrel, kept whatever the user enabled.
-   std::vector<Loom::TraceRecord> problems_;
-   // What the live inputs could not read, with the value each fact had then
-   // (as JSON): a fact set since by --state or a script has lost its reason.
-   struct LiveFinding {
+   void reasonReceived(Loom::ReasonRecord const &r);
+   struct Finding {
       Diagnostic diagnostic;
-      String value;
+      String value;  // the fact's value then, as JSON ("absent" for an absent entity)
    };
-   std::vector<LiveFinding> live_;
-   // Entities and attributes that --state set ("" for a whole entity).
-   std::set<std::pair<String, String>> stated_;
+   std::vector<Finding> findings_;
+   // Said of every reason of an entity (path to text).
+   std::map<String, String> notes_;
+   // The inputs the live reading left unknown, for the text report.
+   std::map<String, std::pair<String, String>> unknownInputs_;
 };
 
 }  // namespace SentrelHost

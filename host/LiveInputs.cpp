@@ -1,192 +1,331 @@
 #include "host/LiveInputs.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
-#include <filesystem>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Sentrel/platform/Sysroot.h"
+#include "Sentrel/platform/SystemFile.h"
 #include "Sentrel/types/HardwareSentrelConfig.h"
 #include "Sentrel/types/TarnSecurebootStatus.h"
-#include "host/Host.h"
+#include "host/UsageError.h"
 
 namespace SentrelHost {
 
 namespace {
 
+using Sb = Tarn::Secureboot::Status;
+
+char const kEfi[] = "/sys/firmware/efi";
+char const kEfivars[] = "/sys/firmware/efi/efivars";
 char const kSecureBootVar[] = "/sys/firmware/efi/efivars/SecureBoot-8be4df61-93ca-11d2-aa0d-00e098032b8c";
 char const kTpm[] = "/sys/class/tpm/tpm0";
 char const kTpmVersion[] = "/sys/class/tpm/tpm0/tpm_version_major";
 char const kSecurityFs[] = "/sys/kernel/security";
 char const kEventLog[] = "/sys/kernel/security/tpm0/binary_bios_measurements";
-char const kDefaultsFile[] = "/etc/sentrel/defaults.json";
-
-std::uint16_t const kSecureBootOff = 0x0001;
-std::uint16_t const kMeasuredBootOn = 0x0020;
+char const kCpuinfo[] = "/proc/cpuinfo";
+char const kFis[] = "sentrel/firstInstructionSecurity";
 // An efivarfs file: the variable's 4-byte attributes word, then its data.
 std::size_t const kEfiAttributesSize = 4;
 
-// The whole of a file below the system root, or nullopt with `err` set.
-std::optional<String> readFile(char const *path, int &err) {
-   int const fd = open(Loom::sysrootPath(path).c_str(), O_RDONLY | O_CLOEXEC);
-   if (fd < 0) {
+JsonNode boolNode(bool b) {
+   JsonNode n(JsonNode::Bool);
+   n.boolean = b;
+   return n;
+}
+JsonNode uintNode(std::uint64_t v) {
+   JsonNode n(JsonNode::Uint);
+   n.uint = v;
+   n.text = std::to_string(v);
+   return n;
+}
+JsonNode strNode(String s) {
+   JsonNode n(JsonNode::Str);
+   n.text = std::move(s);
+   return n;
+}
+void member(JsonNode &object, String const &key, JsonNode value) {
+   object.members.emplace_back(strNode(key), std::move(value));
+}
+
+// The names in a folder below the system root, or the errno of listing it.
+std::vector<String> listDir(char const *path, int &err) {
+   std::vector<String> names;
+   err = 0;
+   DIR *d = opendir(Loom::sysrootPath(path).c_str());
+   if (!d) {
       err = errno;
-      return std::nullopt;
+      return names;
    }
-   String text;
-   char chunk[4096];
-   ssize_t n;
-   while ((n = read(fd, chunk, sizeof chunk)) > 0) text.append(chunk, static_cast<std::size_t>(n));
-   err = errno;
-   close(fd);
-   if (n < 0) return std::nullopt;
-   return text;
+   while (dirent *e = readdir(d)) {
+      if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) names.emplace_back(e->d_name);
+   }
+   closedir(d);
+   return names;
 }
 
-// 0 when the path exists below the system root, else why it cannot be seen.
-int statErrno(char const *path) {
-   struct stat st;
-   return stat(Loom::sysrootPath(path).c_str(), &st) == 0 ? 0 : errno;
-}
+// A pseudo file system mounted at `path` is never empty.
+bool mounted(char const *path, int &err) { return !listDir(path, err).empty(); }
 
-class SecureBootReader {
+class Reader {
  public:
-   explicit SecureBootReader(std::vector<Diagnostic> &found) : found_(found) {}
+   LiveInputs out;
 
-   void fill(Tarn::Secureboot::Status &sb) {
-      secureBoot(sb);
-      tpm(sb);
-      sb.statusFlagsIs(flags_);
+   void read() {
+      defaults();
+      JsonNode sb(JsonNode::Object);
+      std::uint16_t flags = 0;
+      secureBoot(sb, flags);
+      measuredBoot(sb, flags);
+      member(sb, "statusFlags", uintNode(flags));
       // Last, as the writer on a switch does: readers wait for it.
-      sb.readyIs(true);
+      member(sb, "ready", boolNode(true));
+      JsonNode entities(JsonNode::Object);
+      member(entities, kSbStatus, std::move(sb));
+      member(entities, kDefaults, std::move(defaults_));
+      out.document = JsonNode(JsonNode::Object);
+      member(out.document, "entities", std::move(entities));
+      virtualMachine();
    }
 
  private:
-   void add(std::initializer_list<char const *> attrs, String const &reason, String const &hint) {
-      for (char const *a : attrs) found_.push_back({kSbStatus, a, reason, hint});
-   }
-
-   void secureBoot(Tarn::Secureboot::Status &sb) {
-      int const seen = statErrno(kSecureBootVar);
-      if (seen == ENOENT) {
-         // No such variable in a mounted efivarfs: the firmware has no secure boot.
-         if (auto p = efivarfsProblem()) add({"supported", "statusFlags"}, p->reason, p->hint);
-         return;
-      }
-      if (seen != 0) {
-         Finding const f = openFailure(kSecureBootVar, seen);
-         add({"supported", "statusFlags"}, f.reason, f.hint);
-         return;
-      }
-      sb.supportedIs(true);
-      int err = 0;
-      auto const data = readFile(kSecureBootVar, err);
-      if (!data) {
-         Finding const f = openFailure(kSecureBootVar, err);
-         add({"statusFlags"}, "secure boot state (bit 0) unknown: " + f.reason, f.hint);
-      } else if (data->size() <= kEfiAttributesSize) {
-         add({"statusFlags"},
-             "secure boot state (bit 0) unknown: the SecureBoot variable holds " + std::to_string(data->size()) +
-                " bytes, no data byte",
-             "");
-      } else if ((*data)[kEfiAttributesSize] == 0) {
-         flags_ |= kSecureBootOff;
+   // Why `input` is unknown; both bits share statusFlags, so their reasons
+   // are joined into one for it.
+   void unknown(char const *input, std::initializer_list<char const *> attrs, String reason, String hint = {}) {
+      out.unknownInputs[input] = {reason, hint};
+      for (char const *a : attrs) {
+         auto it = std::find_if(out.reasons.begin(), out.reasons.end(),
+                                [&](auto const &r) { return r.attributes.front() == a; });
+         if (it == out.reasons.end()) {
+            out.reasons.push_back({nullptr, kSbStatus, {a}, reason, hint});
+         } else {
+            it->reason += "; " + reason;
+            if (!hint.empty()) it->hint += (it->hint.empty() ? "" : "; ") + hint;
+         }
       }
    }
 
-   void tpm(Tarn::Secureboot::Status &sb) {
-      int err = 0;
-      auto const version = readFile(kTpmVersion, err);
-      if (!version) {
-         if (err == ENOENT && statErrno(kTpm) == ENOENT) return;  // no TPM
-         Finding const f = openFailure(kTpmVersion, err);
-         add({"statusFlags"}, "measured boot state (bit 5) unknown: " + f.reason, f.hint);
+   // An unknown bit is published as the defaults expect, so that it neither
+   // causes a warning nor hides the other bit's; off without defaults.
+   void unknownBit(std::uint16_t &flags, std::uint16_t bit, bool onByDefault, bool setMeansOn) {
+      bool const on = hasDefaults_ && onByDefault;
+      if (on == setMeansOn) flags |= bit;
+   }
+
+   void defaults() {
+      Loom::FileRead const r = Loom::readFile(kDefaultsFile, true);
+      if (!r.data && r.err == ENOENT) {
+         // No defaults: nothing to compare, which is known, not unknown.
+         defaults_ = JsonNode(JsonNode::Null);
+         return;
       }
-      bool const tpm2 = version && version->substr(0, version->find_first_of(" \t\r\n")) == "2";
-      if (tpm2) eventLog();
+      if (!r.data || r.err != 0) {
+         if (r.err == EFBIG) {
+            throw UsageError(String(kDefaultsFile) + ": larger than " + std::to_string(Loom::kMaxFileBytes >> 20) +
+                             " MiB");
+         }
+         defaults_ = JsonNode(JsonNode::Null);
+         String const why = "manufacturing defaults unknown: " + Loom::openFailure(kDefaultsFile, r.err);
+         out.reasons.push_back({nullptr, kDefaults, {}, why, Loom::openFailureHint(r.err)});
+         out.unknownInputs["manufacturing defaults"] = {why, Loom::openFailureHint(r.err)};
+         return;
+      }
+      // The operator's own file: a mistake in it stops the run, like one in --state.
+      JsonError jerr;
+      auto root = parseJson(*r.data, jerr);
+      if (!root) throw UsageError(String(kDefaultsFile) + ": byte " + std::to_string(jerr.offset) + ": " + jerr.message);
+      if (root->type != JsonNode::Object) {
+         throw UsageError(String(kDefaultsFile) + ": byte " + std::to_string(root->offset) +
+                          ": expected an object with \"secureBootEnabled\" and \"measuredBootEnabled\"");
+      }
+      for (auto const &[key, value] : root->members) {
+         if (value.type != JsonNode::Bool) continue;  // the generic apply names the problem
+         if (key.text == "secureBootEnabled") secureBootDefault_ = value.boolean;
+         if (key.text == "measuredBootEnabled") measuredBootDefault_ = value.boolean;
+      }
+      hasDefaults_ = true;
+      defaults_ = std::move(*root);
+      member(defaults_, "configReady", boolNode(true));
+   }
+
+   void secureBoot(JsonNode &sb, std::uint16_t &flags) {
+      bool efiDir = false;
+      if (Loom::statSystemPath(kEfi, &efiDir) != 0 || !efiDir) {
+         // Not booted through UEFI: no secure boot at all.
+         flags |= Sb::secureBootDisabledBit;
+         return;
+      }
+      Loom::FileRead const var = Loom::readFile(kSecureBootVar, true, 64);
+      if (!var.data && var.err == ENOENT) {
+         int err = 0;
+         if (mounted(kEfivars, err)) {
+            // A mounted efivarfs without the variable: the firmware has none.
+            flags |= Sb::secureBootDisabledBit;
+            return;
+         }
+         unknownBit(flags, Sb::secureBootDisabledBit, secureBootDefault_, false);
+         if (err != 0 && err != ENOENT) {
+            unknown("secure boot", {"supported", "statusFlags"}, "secure boot state (bit 0) unknown: cannot read " + String(kEfivars) +
+                                                     ": " + std::strerror(err),
+                    Loom::openFailureHint(err));
+         } else {
+            unknown("secure boot", {"supported", "statusFlags"},
+                    String("secure boot state (bit 0) unknown: efivarfs is not mounted at ") + kEfivars,
+                    String("mount it: mount -t efivarfs efivarfs ") + kEfivars);
+         }
+         return;
+      }
+      member(sb, "supported", boolNode(true));
+      if (!var.data || var.err != 0 || var.data->size() != kEfiAttributesSize + 1) {
+         unknownBit(flags, Sb::secureBootDisabledBit, secureBootDefault_, false);
+         String const why = !var.data || (var.err != 0 && var.err != EFBIG)
+                               ? Loom::openFailure(kSecureBootVar, var.err)
+                               : "the SecureBoot variable holds " +
+                                    (var.err == EFBIG ? String("more than 64") : std::to_string(var.data->size())) +
+                                    " bytes, not 5";
+         unknown("secure boot", {"statusFlags"}, "secure boot state (bit 0) unknown: " + why, Loom::openFailureHint(var.err));
+         return;
+      }
+      if ((*var.data)[kEfiAttributesSize] == 0) flags |= Sb::secureBootDisabledBit;
+   }
+
+   void measuredBoot(JsonNode &sb, std::uint16_t &flags) {
+      bool tpmDir = false;
+      int const seen = Loom::statSystemPath(kTpm, &tpmDir);
+      if (seen == ENOENT) return;  // no TPM: measured boot off, no banks
+      Loom::FileRead const version = Loom::readFile(kTpmVersion, true, 64);
+      bool tpm2 = false;
+      if (!version.data || version.err != 0) {
+         unknownBit(flags, Sb::measuredBootEnabledBit, measuredBootDefault_, true);
+         unknown("measured boot", {"statusFlags"},
+                 "measured boot state (bit 5) unknown: " +
+                    (version.err == EFBIG ? String(kTpmVersion) + " holds more than 64 bytes"
+                                          : Loom::openFailure(kTpmVersion, version.err)),
+                 Loom::openFailureHint(version.err));
+      } else {
+         tpm2 = version.data->substr(0, version.data->find_first_of(" \t\r\n")) == "2";
+         if (tpm2) eventLog(flags);
+      }
       banks(sb, tpm2);
    }
 
-   void eventLog() {
-      int const seen = statErrno(kEventLog);
-      if (seen == 0) {
-         flags_ |= kMeasuredBootOn;
-      } else if (seen != ENOENT) {
-         Finding const f = openFailure(kEventLog, seen);
-         add({"statusFlags"}, "measured boot state (bit 5) unknown: " + f.reason, f.hint);
-      } else if (!holdsEntries(kSecurityFs)) {
-         add({"statusFlags"},
-             String("measured boot state (bit 5) unknown: securityfs is not mounted at ") + kSecurityFs,
-             String("mount it: mount -t securityfs securityfs ") + kSecurityFs);
+   void eventLog(std::uint16_t &flags) {
+      int const fd = open(Loom::sysrootPath(kEventLog).c_str(), O_RDONLY | O_CLOEXEC);
+      if (fd >= 0) {
+         close(fd);
+         flags |= Sb::measuredBootEnabledBit;
+         return;
       }
-      // Otherwise the firmware left no event log: measured boot is off.
-   }
-
-   void banks(Tarn::Secureboot::Status &sb, bool tpm2) {
-      std::error_code ec;
-      for (auto const &e : std::filesystem::directory_iterator(Loom::sysrootPath(kTpm), ec)) {
-         String const name = e.path().filename().string();
-         if (name.starts_with("pcr-") && name.size() > 4) sb.enabledPcrBankIs(name.substr(4));
-      }
-      if (tpm2 && sb.enabledPcrBank().empty()) {
-         add({"enabledPcrBank"}, String("the kernel lists no pcr-<algorithm> folders under ") + kTpm,
-             "Linux 5.12 and later list the PCR banks there");
+      int const err = errno;
+      int listErr = 0;
+      if (err == ENOENT && mounted(kSecurityFs, listErr)) return;  // the firmware left no event log: off
+      unknownBit(flags, Sb::measuredBootEnabledBit, measuredBootDefault_, true);
+      if (err == ENOENT) {
+         unknown("measured boot", {"statusFlags"},
+                 String("measured boot state (bit 5) unknown: securityfs is not mounted at ") + kSecurityFs,
+                 String("mount it: mount -t securityfs securityfs ") + kSecurityFs);
+      } else {
+         unknown("measured boot", {"statusFlags"}, "measured boot state (bit 5) unknown: " + Loom::openFailure(kEventLog, err),
+                 Loom::openFailureHint(err));
       }
    }
 
-   std::vector<Diagnostic> &found_;
-   std::uint16_t flags_ = 0;
+   void banks(JsonNode &sb, bool tpm2) {
+      int err = 0;
+      JsonNode list(JsonNode::Array);
+      for (auto const &name : listDir(kTpm, err)) {
+         if (name.starts_with("pcr-") && name.size() > 4) list.items.push_back(strNode(name.substr(4)));
+      }
+      if (err != 0) {
+         unknown("enabled PCR banks", {"enabledPcrBank"}, "cannot read " + String(kTpm) + ": " + std::strerror(err),
+                 Loom::openFailureHint(err));
+      } else if (tpm2 && list.items.empty()) {
+         unknown("enabled PCR banks", {"enabledPcrBank"}, String("the kernel lists no pcr-<algorithm> folders under ") + kTpm,
+                 "Linux 5.12 and later list the PCR banks there");
+      }
+      member(sb, "enabledPcrBank", std::move(list));
+   }
+
+   // A guest sees its hypervisor's firmware, not the host's: said once, for
+   // every first-instruction fact that stays unknown.
+   void virtualMachine() {
+      Loom::FileRead const cpuinfo = Loom::readFile(kCpuinfo, true, 1 << 20);
+      if (!cpuinfo.data) return;
+      String const text = "\n" + *cpuinfo.data;
+      std::size_t at = 0;
+      while ((at = text.find("\nflags", at)) != String::npos) {
+         ++at;
+         String const line = text.substr(at, text.find('\n', at) - at);
+         auto const colon = line.find(':');
+         if (colon != String::npos && (" " + line.substr(colon + 1) + " ").find(" hypervisor ") != String::npos) {
+            out.notes[kFis] = "running in a virtual machine (the CPU flags include hypervisor): first-instruction "
+                              "security is the host's and is not visible here";
+            return;
+         }
+      }
+   }
+
+   JsonNode defaults_;
+   bool hasDefaults_ = false;
+   bool secureBootDefault_ = false;
+   bool measuredBootDefault_ = false;
 };
 
-String at(std::size_t offset, String const &problem) {
-   return String(kDefaultsFile) + ": byte " + std::to_string(offset) + ": " + problem;
-}
-
-void fillDefaults(Ledger::EntityManager &em, std::vector<Diagnostic> &found) {
-   int err = 0;
-   auto const text = readFile(kDefaultsFile, err);
-   if (!text) {
-      em.entityDel(kDefaults);
-      Finding const f = openFailure(kDefaultsFile, err);
-      found.push_back({kDefaults, "",
-                       "no manufacturing defaults (" + f.reason +
-                          "), so secure boot and measured boot were not compared with them",
-                       f.hint.empty() ? String("write them there, e.g. {\"secureBootEnabled\": true, "
-                                               "\"measuredBootEnabled\": true}, or give them with --state")
-                                      : f.hint});
-      return;
-   }
-   // The operator's own file: a mistake in it stops the run, like one in --state.
-   JsonError jerr;
-   auto root = parseJson(*text, jerr);
-   if (!root) throw UsageError(at(jerr.offset, jerr.message));
-   if (root->type != JsonNode::Object) {
-      throw UsageError(at(root->offset, "expected an object with \"secureBootEnabled\" and \"measuredBootEnabled\""));
-   }
-   auto config = Loom::ptrCast<Hardware::Sentrel::Config>(em.lookup(kDefaults));
-   for (auto const &[key, value] : root->members) {
-      void (Hardware::Sentrel::Config::*set)(bool) = nullptr;
-      if (key.text == "secureBootEnabled") set = &Hardware::Sentrel::Config::secureBootEnabledIs;
-      if (key.text == "measuredBootEnabled") set = &Hardware::Sentrel::Config::measuredBootEnabledIs;
-      if (!set) throw UsageError(at(key.offset, "unknown member \"" + key.text + "\""));
-      if (value.type != JsonNode::Bool) {
-         throw UsageError(at(value.offset, key.text + ": expected true or false, not " + value.typeName()));
-      }
-      ((*config).*set)(value.boolean);
-   }
-   config->configReadyIs(true);
-}
+String onOff(bool on) { return on ? "on" : "off"; }
 
 }  // namespace
 
-std::vector<Diagnostic> fillLiveInputs(Ledger::EntityManager &em) {
-   std::vector<Diagnostic> found;
-   if (auto sb = em.lookup(kSbStatus)) SecureBootReader(found).fill(*Loom::ptrCast<Tarn::Secureboot::Status>(sb));
-   if (em.lookup(kDefaults)) fillDefaults(em, found);
-   return found;
+String inputsText(Ledger::EntityManager const &em, std::map<String, std::pair<String, String>> const &unknown) {
+   std::vector<std::pair<String, String>> lines;
+   auto sb = Loom::ptrCast<Sb const>(em.lookup(kSbStatus));
+   if (!sb) {
+      lines = {{"secure boot", "unknown (tarn/sb/status is absent)"},
+               {"measured boot", "unknown (tarn/sb/status is absent)"},
+               {"enabled PCR banks", "unknown (tarn/sb/status is absent)"}};
+   } else if (!sb->ready()) {
+      lines = {{"secure boot", "unknown (tarn/sb/status is not filled in)"},
+               {"measured boot", "unknown (tarn/sb/status is not filled in)"},
+               {"enabled PCR banks", "unknown (tarn/sb/status is not filled in)"}};
+   } else {
+      String banks;
+      for (auto const &b : sb->enabledPcrBank()) banks += (banks.empty() ? "" : ", ") + b;
+      lines = {{"secure boot", onOff(!(sb->statusFlags() & Sb::secureBootDisabledBit))},
+               {"measured boot", onOff(sb->statusFlags() & Sb::measuredBootEnabledBit)},
+               {"enabled PCR banks", banks.empty() ? "none" : banks}};
+   }
+   auto config = Loom::ptrCast<Hardware::Sentrel::Config const>(em.lookup(kDefaults));
+   if (!config) {
+      lines.push_back({"manufacturing defaults", "none: nothing is compared with them"});
+   } else if (!config->configReady()) {
+      lines.push_back({"manufacturing defaults", "not filled in: nothing is compared with them"});
+   } else {
+      lines.push_back({"manufacturing defaults", "secure boot " + onOff(config->secureBootEnabled()) +
+                                                    ", measured boot " + onOff(config->measuredBootEnabled())});
+   }
+   String out;
+   for (auto const &[label, value] : lines) {
+      String const pad(24 - label.size(), ' ');
+      auto u = unknown.find(label);
+      if (u == unknown.end()) {
+         out += "  " + label + pad + value + "\n";
+         continue;
+      }
+      out += "  " + label + pad + "unknown\n";
+      String const indent(26, ' ');
+      out += indent + "why:  " + u->second.first + "\n";
+      if (!u->second.second.empty()) out += indent + "hint: " + u->second.second + "\n";
+   }
+   return out;
+}
+
+LiveInputs readLiveInputs() {
+   Reader r;
+   r.read();
+   return std::move(r.out);
 }
 
 }  // namespace SentrelHost

@@ -1,18 +1,42 @@
 #pragma once
 
+#include <map>
 #include <vector>
 
 #include "Sentrel/platform/Ledger.h"
-#include "host/Diagnostics.h"
+#include "Sentrel/platform/Reason.h"
+#include "host/JsonTree.h"
 
 namespace SentrelHost {
 
-// Fills the two inputs that other agents write on a switch, from the running
-// Linux system (below the system root), before the agent starts:
-// "tarn/sb/status" from efivarfs and the TPM's sysfs and securityfs files,
-// "hardware/sentrel/config/sentrel" from /etc/sentrel/defaults.json (made
-// absent when that file cannot be read). Returns the reasons for what could
-// not be read; a malformed defaults file is a UsageError.
-std::vector<Diagnostic> fillLiveInputs(Ledger::EntityManager &em);
+// The two inputs that other agents write on a switch.
+inline constexpr char kSbStatus[] = "tarn/sb/status";
+inline constexpr char kDefaults[] = "hardware/sentrel/config/sentrel";
+inline constexpr char kDefaultsFile[] = "/etc/sentrel/defaults.json";
+
+// What the running Linux system says of the inputs, read below the system
+// root as the writers on a switch would: a state document of the shape of
+// --state ({"entities": {...}}), the reasons for what is unknown, and notes
+// that qualify every reason of an entity (a virtual machine, say).
+struct LiveInputs {
+   JsonNode document;
+   std::vector<Loom::ReasonRecord> reasons;
+   std::map<String, String> notes;
+   // The inputs that are unknown, by the name the text report gives them
+   // ("secure boot", "measured boot", "enabled PCR banks", "manufacturing
+   // defaults"): the reason and hint.
+   std::map<String, std::pair<String, String>> unknownInputs;
+};
+
+// The operator's view of the inputs, for the text report: one line each for
+// secure boot, measured boot, the enabled PCR banks and the manufacturing
+// defaults, saying on, off or unknown and why. `unknown` is what the live
+// inputs could not read (empty when the inputs came from elsewhere).
+String inputsText(Ledger::EntityManager const &em,
+                  std::map<String, std::pair<String, String>> const &unknown);
+
+// Reads the inputs; a malformed or oversized defaults file is a UsageError
+// naming it and the byte offset.
+LiveInputs readLiveInputs();
 
 }  // namespace SentrelHost

@@ -1,6 +1,8 @@
 
 #include "Sentrel/types/StateTree.h"
+#include "Sentrel/platform/Toggle.h"
 #include "host/Host.h"
+#include "host/LiveInputs.h"
 #include "host/ValueJson.h"
 
 namespace SentrelHost {
@@ -146,17 +148,28 @@ String Host::report() const {
       }
       out += logs_.empty() ? "Warnings: none\n" : "Warnings:\n";
       for (auto const &l : logs_) out += "  " + l.name + ": " + printable(l.text) + "\n";
-      // The inputs are not printed above: their reasons are listed here.
-      String inputs;
+      out += "\nInputs:\n" + inputsText(*em_, unknownInputs_);
+      // The other reasons of the inputs: those of the lines above are there.
       Diagnostic const *previous = nullptr;
       for (auto const &d : diags) {
          auto const *entry = Sentrel::stateTreeEntry(d.entity);
-         if (entry && entry->status) continue;
-         inputs += "  " + d.entity + (d.attribute.empty() ? "" : " " + d.attribute) + "\n";
-         reasonText(inputs, 4, d, previous && previous->entity == d.entity ? previous : nullptr);
+         if ((entry && entry->status) || d.attribute == "statusFlags" || d.attribute == "enabledPcrBank" ||
+             d.attribute == "supported" || (d.entity == kDefaults && d.attribute.empty())) {
+            continue;
+         }
+         out += "  " + d.entity + (d.attribute.empty() ? "" : " " + d.attribute) + "\n";
+         reasonText(out, 4, d, previous && previous->entity == d.entity ? previous : nullptr);
          previous = &d;
       }
-      if (!inputs.empty()) out += "\nInputs:\n" + inputs;
+      String changed;
+      for (auto const &[name, t] : Loom::togglesInEffect()) {
+         if (t.value != t.defaultValue) changed += "  " + name + " " + (t.value ? "on" : "off") + " (" + prose(t.file) + ")\n";
+      }
+      if (!changed.empty()) out += "\nToggles not at their default:\n" + changed;
+      auto const plural = [](std::size_t n, char const *what) {
+         return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
+      };
+      out += "\n" + plural(logs_.size(), "warning") + ", " + plural(diags.size(), "unknown fact") + "\n";
       return out;
    }
    rapidjson::StringBuffer buf;
@@ -202,6 +215,13 @@ String Host::report() const {
       w.EndObject();
    }
    w.EndArray();
+   key(w, "toggles");
+   w.StartObject();
+   for (auto const &[name, t] : Loom::togglesInEffect()) {
+      key(w, name);
+      w.Bool(t.value);
+   }
+   w.EndObject();
    key(w, "diagnostics");
    w.StartArray();
    for (auto const &d : diags) {

@@ -68,8 +68,10 @@ int main(int argc, char **argv) {
       out += host.report();
       std::fwrite(out.data(), 1, out.size(), stdout);
       std::fflush(stdout);
+      bool const unknown = !host.diagnostics().empty();
       if (!host.shutDown()) return 3;
-      return options.failOnWarning && !host.logs().empty() ? 1 : 0;
+      if (options.failOnWarning && !host.logs().empty()) return 1;
+      return options.failOnUnknown && unknown ? 4 : 0;
    } catch (UsageError const &e) {
       std::fprintf(stderr, "sentrel: %s\n", e.what());
       if (std::strncmp(e.what(), "unknown argument", 16) == 0) std::fputs(kUsage, stderr);

@@ -16,15 +16,10 @@ String const kPsbStatus = "sys/firmware/efi/efivars/PsbStatus-f64c554f-d43b-4c82
 String const kDefaults = "etc/sentrel/defaults.json";
 String const kBothOn = R"({"secureBootEnabled": true, "measuredBootEnabled": true})";
 String const kOn("\x06\0\0\0\x01", 5), kOff("\x06\0\0\0\0", 5);
+String const kTpm2 = "sys/class/tpm/tpm0/tpm_version_major";
+String const kEventLog = "sys/kernel/security/tpm0/binary_bios_measurements";
 char const kIntel[] = "Vendor ID:           GenuineIntel";
 char const kAmd[] = "Vendor ID:           AuthenticAMD";
-
-// MSR 0x13A with bit 32 (Boot Guard present) and nothing else.
-String bootGuardMsr() {
-   String m(0x13A + 8, '\0');
-   m[0x13A + 4] = 1;
-   return m;
-}
 
 // A Linux host below a system root; a path ending in "/" is an empty folder.
 class LiveHost {
@@ -42,12 +37,12 @@ class LiveHost {
    }
 
    // Only the fake commands are in PATH: a missing one is not found.
-   HostRun run(std::vector<String> args) {
+   HostRun run(std::vector<String> args, std::vector<String> env = {}) {
       args.insert(args.begin(), {"--sysroot", sw.path() + "/root", "--toggles", toggles.path()});
-      return runHost(args, {"PATH=" + sw.path() + "/bin"});
+      env.push_back("PATH=" + sw.path() + "/bin");
+      return runHost(args, env);
    }
 
-   String root() const { return sw.path() + "/root/"; }
    TempDir sw, toggles;
 };
 
@@ -58,196 +53,201 @@ rapidjson::Document parse(String const &text) {
    return d;
 }
 
-String compact(rapidjson::Value const &v) {
-   rapidjson::StringBuffer b;
-   rapidjson::Writer<rapidjson::StringBuffer> w(b);
-   v.Accept(w);
-   return b.GetString();
-}
-
-// The diagnostics of the first-instruction facts and the inputs, as
-// "entity attr,attr: reason [hint]", facts of one entity with the same
-// reason joined (the files of the bootloader are this machine's, not the
-// fixture's).
-std::vector<String> reasons(rapidjson::Value const &diags, String const &only = "") {
+// The diagnostics as "entity attribute: reason [hint]".
+std::vector<String> reasons(rapidjson::Value const &diags, String const &prefix = "") {
    std::vector<String> out;
-   String entity, reason;
    for (auto const &d : diags.GetArray()) {
-      String const e = d["entity"].GetString();
-      bool const wanted = only.empty() ? e == "sentrel/firstInstructionSecurity" || e.starts_with("tarn/sb") ||
-                                            e.starts_with("hardware")
-                                       : e == only;
-      if (!wanted) continue;
-      String const r = String(d["reason"].GetString()) + " [" + d["hint"].GetString() + "]";
-      if (!out.empty() && e == entity && r == reason) {
-         out.back().insert(out.back().find(':'), String(",") + d["attribute"].GetString());
-      } else {
-         out.push_back(e + " " + d["attribute"].GetString() + ": " + r);
-      }
-      entity = e, reason = r;
+      String const line = String(d["entity"].GetString()) + " " + d["attribute"].GetString() + ": " +
+                          d["reason"].GetString() + " [" + d["hint"].GetString() + "]";
+      if (line.starts_with(prefix)) out.push_back(line);
    }
    return out;
 }
 
-String const kFis = "sentrel/firstInstructionSecurity ";
-String const kNoUefi = "not booted through UEFI: /sys/firmware/efi does not exist []";
-String const kAllFacts = "supported,systemFused,verifiedbootEnabled,measuredbootEnabled,devConfig,vendorSpecific: ";
-
-struct Case {
-   char const *name;
-   std::map<String, String> files;
-   String lscpu;
-   String sb;      // tarn/sb/status as filled
-   bool defaults;  // the defaults entity exists (both on, ready)
-   std::vector<String> warnings;
-   std::vector<String> reasons;
-};
-
-std::map<String, String> const kUefi{{kSecureBoot, kOn}, {kDefaults, kBothOn}};
-std::map<String, String> withUefi(std::map<String, String> more) {
-   more.insert(kUefi.begin(), kUefi.end());
-   return more;
-}
-String const kNoMeasuredBoot = R"({"supported":true,"ready":true,"statusFlags":0,"enabledPcrBank":[]})";
-
-void expectRun(LiveHost &host, Case const &c) {
-   auto r = host.run({"--format", "json"});
-   ASSERT_EQ(r.exitCode, 0) << r.err;
-   auto d = parse(r.out);
-   EXPECT_EQ(compact(d["entities"]["tarn/sb/status"]), c.sb);
-   EXPECT_EQ(compact(d["entities"]["hardware/sentrel/config/sentrel"]),
-             c.defaults ? R"({"secureBootEnabled":true,"measuredBootEnabled":true,"configReady":true})" : "null");
-   std::vector<String> warnings;
-   for (auto const &l : d["log"].GetArray()) warnings.push_back(l["text"].GetString());
-   EXPECT_EQ(warnings, c.warnings);
-   EXPECT_EQ(reasons(d["diagnostics"]), c.reasons);
-   EXPECT_EQ(d["trace"].Size(), 0u);  // level 2 was on for the reasons only
+std::map<String, String> with(std::map<String, String> a, std::map<String, String> const &b) {
+   a.insert(b.begin(), b.end());
+   return a;
 }
 
 }  // namespace
 
-TEST(LiveHost, FillsTheInputsFromTheSystemAndGivesAReasonForWhatItCouldNotRead) {
+// Known off, known on, or unknown: never guessed. Every row runs three
+// times, plain and with each --fail-on option.
+TEST(LiveHost, InputsAreOnOffOrUnknownAndOnlyTheKnownAreWarnedAbout) {
+   std::map<String, String> const uefi{{"sys/firmware/efi/efivars/Boot0000-x", "x"}};
+   std::map<String, String> const tpm2{{kTpm2, "2\n"}, {"sys/class/tpm/tpm0/pcr-sha256/", ""}};
+   String const sbUnknown = "tarn/sb/status statusFlags: secure boot state (bit 0) unknown";
+   String const mbUnknown = "tarn/sb/status statusFlags: measured boot state (bit 5) unknown";
+   struct Case {
+      char const *name;
+      std::map<String, String> files;
+      unsigned flags;
+      bool supported;
+      unsigned warnings;
+      std::vector<String> unknown;  // prefixes of the input's reasons, in order
+   };
    std::vector<Case> const cases{
-      {"UEFI, secure boot on, TPM 2.0 with sha1 and sha256",
-       withUefi({{"sys/class/tpm/tpm0/tpm_version_major", "2\n"},
-                 {"sys/class/tpm/tpm0/pcr-sha1/", ""},
-                 {"sys/class/tpm/tpm0/pcr-sha256/", ""},
-                 {"sys/kernel/security/tpm0/binary_bios_measurements", "log"}}),
-       "Vendor ID: TestVendor",
-       R"({"supported":true,"ready":true,"statusFlags":32,"enabledPcrBank":["sha1","sha256"]})",
-       true, {}, {}},
-      {"secure boot off, no TPM", {{kSecureBoot, kOff}, {kDefaults, kBothOn}}, "Vendor ID: TestVendor",
-       R"({"supported":true,"ready":true,"statusFlags":1,"enabledPcrBank":[]})", true,
-       {kSecureBootOffWarning, kMeasuredBootOffWarning}, {}},
-      {"TPM 2.0 without bank folders, securityfs not mounted",
-       withUefi({{"sys/class/tpm/tpm0/tpm_version_major", "2\n"}, {"sys/kernel/security/", ""}}),
-       "Vendor ID: TestVendor", kNoMeasuredBoot, true, {kMeasuredBootOffWarning},
-       {"tarn/sb/status statusFlags: measured boot state (bit 5) unknown: securityfs is not mounted at "
-        "/sys/kernel/security [mount it: mount -t securityfs securityfs /sys/kernel/security]",
-        "tarn/sb/status enabledPcrBank: the kernel lists no pcr-<algorithm> folders under /sys/class/tpm/tpm0 "
-        "[Linux 5.12 and later list the PCR banks there]"}},
-      {"not booted through UEFI, AMD", {{kDefaults, kBothOn}}, kAmd,
-       R"({"supported":false,"ready":true,"statusFlags":0,"enabledPcrBank":[]})", true, {kMeasuredBootOffWarning},
-       {kFis + "supported,systemFused,verifiedbootEnabled,devConfig,vendorSpecific: " + kNoUefi,
-        "tarn/sb/status supported,statusFlags: " + kNoUefi}},
-      {"efivarfs not mounted, AMD", {{"sys/firmware/efi/efivars/", ""}, {kDefaults, kBothOn}}, kAmd,
-       R"({"supported":false,"ready":true,"statusFlags":0,"enabledPcrBank":[]})", true, {kMeasuredBootOffWarning},
-       {kFis + "supported,systemFused,verifiedbootEnabled,devConfig,vendorSpecific: efivarfs is not mounted at "
-               "/sys/firmware/efi/efivars [mount it: mount -t efivarfs efivarfs /sys/firmware/efi/efivars]",
-        "tarn/sb/status supported,statusFlags: efivarfs is not mounted at /sys/firmware/efi/efivars [mount it: "
-        "mount -t efivarfs efivarfs /sys/firmware/efi/efivars]"}},
-      {"short PsbStatus", withUefi({{kPsbStatus, String(79, '\0')}}), kAmd, kNoMeasuredBoot, true,
-       {kMeasuredBootOffWarning},
-       {kFis + "supported,systemFused,verifiedbootEnabled,devConfig,vendorSpecific: the PsbStatus variable holds 79 "
-               "bytes, not 80 []"}},
-      {"virtual machine", withUefi({{"proc/cpuinfo", "processor\t: 0\nflags\t\t: fpu vme hypervisor lahf_lm\n"}}),
-       kIntel, kNoMeasuredBoot, true,
-       {kMeasuredBootOffWarning},
-       {kFis + kAllFacts +
-        "running in a virtual machine (the CPU flags include hypervisor): first-instruction security is the host's and is not "
-        "visible here [run sentrel on the host itself]"}},
-      {"no msr device", kUefi, kIntel, kNoMeasuredBoot, true, {kMeasuredBootOffWarning},
-       {kFis + kAllFacts + "/dev/cpu/0/msr does not exist [load the msr kernel module: modprobe msr]"}},
-      // Boot Guard present but neither verified nor measured boot: those two
-      // are the platform's own answer and get no reason.
-      {"BootGuardUtil missing", withUefi({{"dev/cpu/0/msr", bootGuardMsr()}}), kIntel, kNoMeasuredBoot, true,
-       {kMeasuredBootOffWarning},
-       {kFis + "systemFused,devConfig,vendorSpecific: BootGuardUtil is not installed (not found in PATH) []"}},
-      {"lscpu missing", kUefi, "", kNoMeasuredBoot, true, {kMeasuredBootOffWarning},
-       {kFis + "cpuVendor," + kAllFacts +
-        "lscpu is not installed (not found in PATH) [install util-linux, which provides lscpu]"}},
-      {"defaults absent", {{kSecureBoot, kOff}}, "Vendor ID: TestVendor",
-       R"({"supported":true,"ready":true,"statusFlags":1,"enabledPcrBank":[]})", false, {},
-       {"hardware/sentrel/config/sentrel : no manufacturing defaults (/etc/sentrel/defaults.json does not exist), "
-        "so secure boot and measured boot were not compared with them [write them there, e.g. "
-        R"({"secureBootEnabled": true, "measuredBootEnabled": true}, or give them with --state])"}},
+      {"not UEFI, no TPM, defaults on", {{kDefaults, kBothOn}}, 1, false, 2, {}},
+      {"not UEFI, no TPM, no defaults", {}, 1, false, 0, {}},
+      {"UEFI without a SecureBoot variable", with(uefi, {{kDefaults, kBothOn}}), 1, false, 2, {}},
+      {"secure boot on, TPM 2.0 with an event log", with(tpm2, {{kSecureBoot, kOn}, {kDefaults, kBothOn}, {kEventLog, "log"}}),
+       32, true, 0, {}},
+      {"secure boot off, partial defaults", {{kSecureBoot, kOff}, {kDefaults, R"({"secureBootEnabled": true})"}}, 1, true, 1,
+       {}},
+      {"efivarfs not mounted, defaults on", {{"sys/firmware/efi/efivars/", ""}, {kDefaults, kBothOn}}, 0, false, 1,
+       {"tarn/sb/status supported: secure boot state (bit 0) unknown: efivarfs is not mounted", sbUnknown}},
+      {"efivarfs not mounted, no defaults", {{"sys/firmware/efi/efivars/", ""}}, 1, false, 0,
+       {"tarn/sb/status supported: secure boot state (bit 0) unknown", sbUnknown}},
+      {"SecureBoot variable of the wrong size", {{kSecureBoot, String("\x06\0\0", 3)}, {kDefaults, kBothOn}}, 0, true, 1,
+       {sbUnknown + ": the SecureBoot variable holds 3 bytes, not 5"}},
+      {"TPM 2.0, securityfs not mounted, defaults on",
+       with(tpm2, {{kSecureBoot, kOn}, {kDefaults, kBothOn}, {"sys/kernel/security/", ""}}), 32, true, 0,
+       {mbUnknown + ": securityfs is not mounted at /sys/kernel/security"}},
+      {"TPM 2.0 without an event log in a mounted securityfs",
+       with(tpm2, {{kSecureBoot, kOn}, {kDefaults, kBothOn}, {"sys/kernel/security/ima/", ""}}), 0, true, 1, {}},
+      {"TPM 2.0 without bank folders", {{kTpm2, "2"}, {kSecureBoot, kOn}, {kEventLog, "log"}}, 32, true, 0,
+       {"tarn/sb/status enabledPcrBank: the kernel lists no pcr-<algorithm> folders"}},
+   };
+   for (auto const &c : cases) {
+      SCOPED_TRACE(c.name);
+      LiveHost host(c.files, "Vendor ID: TestVendor");
+      auto const r = host.run({"--format", "json"});
+      ASSERT_EQ(r.exitCode, 0) << r.err;
+      auto d = parse(r.out);
+      auto const &sb = d["entities"]["tarn/sb/status"];
+      EXPECT_EQ(sb["statusFlags"].GetUint(), c.flags);
+      EXPECT_EQ(sb["supported"].GetBool(), c.supported);
+      EXPECT_TRUE(sb["ready"].GetBool());
+      EXPECT_EQ(d["log"].Size(), c.warnings);
+      auto const found = reasons(d["diagnostics"], "tarn/sb/status");
+      ASSERT_EQ(found.size(), c.unknown.size()) << ::testing::PrintToString(found);
+      for (std::size_t i = 0; i < found.size(); ++i) EXPECT_TRUE(found[i].starts_with(c.unknown[i])) << found[i];
+      // The first-instruction facts are unknown on every row (no msr), so
+      // --fail-on-unknown alone always fails; a warning wins over it.
+      EXPECT_EQ(host.run({"--fail-on-warning"}).exitCode, c.warnings ? 1 : 0);
+      EXPECT_EQ(host.run({"--fail-on-unknown"}).exitCode, 4);
+      EXPECT_EQ(host.run({"--fail-on-unknown", "--fail-on-warning"}).exitCode, c.warnings ? 1 : 4);
+   }
+}
+
+// Every kind of reason, where the fact fails: fixture, then the reason and
+// hint that must be reported for one fact.
+TEST(LiveHost, EveryReasonKindNamesTheFactTheCauseAndWhatToDo) {
+   String const fis = "sentrel/firstInstructionSecurity supported: ";
+   String const bootGuard = [] {
+      String m(0x13A + 8, '\0');
+      m[0x13A + 4] = 1;  // Boot Guard present
+      return m;
+   }();
+   struct Case {
+      char const *name;
+      std::map<String, String> files;  // below the system root
+      String lscpu;
+      std::map<String, String> state;  // attribute values of --state, by "entity attribute"
+      String expected;                 // prefix of one diagnostic line
+   };
+   std::vector<Case> const cases{
+      {"no msr device", {}, kIntel, {}, fis + "/dev/cpu/0/msr does not exist ["},
+      {"msr too short", {{"dev/cpu/0/msr", "x"}}, kIntel, {},
+       fis + "cannot read MSR 0x13A from /dev/cpu/0/msr: fewer than 8 bytes were read []"},
+      {"lscpu missing", {}, "", {}, "sentrel/firstInstructionSecurity cpuVendor: lscpu is not installed (not found in "
+                                    "PATH) [install util-linux, which provides lscpu]"},
+      {"lscpu without vendor", {}, "Architecture: x86_64", {},
+       "sentrel/firstInstructionSecurity cpuVendor: lscpu prints no \"Vendor ID:\" line []"},
+      {"BootGuardUtil missing", {{"dev/cpu/0/msr", bootGuard}}, kIntel, {},
+       "sentrel/firstInstructionSecurity systemFused: BootGuardUtil is not installed (not found in PATH) []"},
+      {"no PsbStatus variable", {{kSecureBoot, kOn}}, kAmd, {},
+       fis + "no PsbStatus variable: the firmware does not publish the Platform Secure Boot state []"},
+      {"short PsbStatus", {{kPsbStatus, String(79, '\0')}}, kAmd, {}, fis + "the PsbStatus variable holds 79 bytes, not 80 []"},
+      {"long PsbStatus", {{kPsbStatus, String(81, '\0')}}, kAmd, {}, fis + "the PsbStatus variable holds more than 80 bytes []"},
+      {"PsbStatus a folder", {{kPsbStatus + "/", ""}}, kAmd, {}, fis + "/sys/firmware/efi/efivars/PsbStatus-"},
+      {"virtual machine", {{"proc/cpuinfo", "processor\t: 0\nflags\t\t: fpu hypervisor\n"}}, kAmd, {},
+       fis + "running in a virtual machine (the CPU flags include hypervisor): first-instruction security is the "
+             "host's and is not visible here; not booted through UEFI"},
+      {"features file missing", {}, kIntel, {{"tarn/features/status featuresFilePath", "missing"}},
+       "tarn/features/status featureRev: cannot open SW/missing: No such file or directory [set featuresFilePath if the "
+       "file is elsewhere]"},
+      {"features file a folder", {}, kIntel, {{"tarn/features/status featuresFilePath", "."}},
+       "tarn/features/status featureRev: SW/. is a folder, not a file [set featuresFilePath"},
+      {"version file empty", {}, kIntel, {{"sentrel/measuredBootVersion tarnVersionFilePath", "empty"}},
+       "sentrel/measuredBootVersion tarn: SW/empty is empty or its first line is 64 characters or longer []"},
+      {"image version not JSON", {}, kIntel, {{"sentrel/measuredBootVersion vexoVersionFilePath", "empty"}},
+       "sentrel/measuredBootVersion vexo: SW/empty is not valid JSON: The document is empty. (byte 0) []"},
+      {"image version without the member", {}, kIntel, {{"sentrel/measuredBootVersion vexoVersionFilePath", "obj"}},
+       "sentrel/measuredBootVersion vexo: SW/obj has no \"measuredBootVersion\" member []"},
+      {"boot config missing", {}, kIntel, {{"tarn/pcrConfig/status configuredPcrBankFilePath", "missing"}},
+       "tarn/pcrConfig/status configuredPcrBank: cannot open SW/missing"},
+      {"error log a folder", {}, kIntel, {{"tarn/pcrConfig/status errorLogFilePath", "."}},
+       "tarn/pcrConfig/status requiredPcrNotConfigured: SW/. is a folder"},
+      {"defaults unreadable", {{kDefaults + "/", ""}}, kIntel, {},
+       "hardware/sentrel/config/sentrel : manufacturing defaults unknown: /etc/sentrel/defaults.json is a folder"},
    };
    for (auto const &c : cases) {
       SCOPED_TRACE(c.name);
       LiveHost host(c.files, c.lscpu);
-      expectRun(host, c);
+      host.sw.file("empty", "");
+      host.sw.file("obj", "{}");
+      std::vector<String> args{"--format", "json"};
+      if (!c.state.empty()) {
+         String json = R"({"entities": {)";
+         for (auto const &[key, value] : c.state) {
+            auto const space = key.find(' ');
+            json += (json.back() == '{' ? "" : ",") + ("\"" + key.substr(0, space) + "\": {\"" + key.substr(space + 1) +
+                                                       "\": \"" + value + "\"}");
+         }
+         args.insert(args.end(), {"--live", "--state", host.sw.file("state.json", json + "}}")});
+      }
+      auto const r = host.run(args);
+      ASSERT_EQ(r.exitCode, 0) << r.err;
+      String expected = c.expected;
+      if (auto at = expected.find("SW/"); at != String::npos) expected.replace(at, 2, host.sw.path());
+      auto const found = reasons(parse(r.out)["diagnostics"]);
+      EXPECT_TRUE(std::any_of(found.begin(), found.end(), [&](String const &f) { return f.starts_with(expected); }))
+         << expected << "\nin\n" << ::testing::PrintToString(found);
    }
 }
 
-TEST(LiveHost, PermissionDeniedOnTheMsrDevice) {
-   LiveHost host(withUefi({{"dev/cpu/0/msr", bootGuardMsr()}}), kIntel);
-   String const msr = host.root() + "dev/cpu/0/msr";
-   chmod(msr.c_str(), 0);
-   if (access(msr.c_str(), R_OK) == 0) GTEST_SKIP() << "this user reads files without read permission";
-   expectRun(host, {"msr not readable", {}, kIntel, kNoMeasuredBoot, true, {kMeasuredBootOffWarning},
-                    {kFis + kAllFacts + "permission denied on /dev/cpu/0/msr [run as root]"}});
-}
-
-TEST(LiveHost, StateOverridesTheLiveInputsAndAloneLeavesThemUnfilled) {
-   LiveHost host({{kSecureBoot, kOn}}, kIntel);
-   String const state = host.sw.file("state.json", R"({"entities": {"tarn/sb/status": {"statusFlags": 32},
-      "hardware/sentrel/config/sentrel": {"secureBootEnabled": true, "measuredBootEnabled": false,
-                                          "configReady": true}}})");
-   auto both = parse(host.run({"--live", "--state", state, "--format", "json"}).out);
-   EXPECT_EQ(compact(both["entities"]["tarn/sb/status"]),
-             R"({"supported":true,"ready":true,"statusFlags":32,"enabledPcrBank":[]})");
-   EXPECT_EQ(both["log"].Size(), 0u);  // measured boot on, though not by default: only traced
-   // The absent defaults came back from the state file, and took their reason with them.
-   EXPECT_EQ(reasons(both["diagnostics"]),
-             std::vector<String>{kFis + kAllFacts +
-                                 "/dev/cpu/0/msr does not exist [load the msr kernel module: modprobe msr]"});
-
-   // Its trace names the required-bank file whatever failed; a readable
-   // error log without errors is no reason.
-   host.sw.file("banks", "sha256\n");
-   String const files = host.sw.file("files.json", R"({"entities": {"tarn/pcrConfig/status": {
-      "requiredPcrBankFilePath": "banks", "configuredPcrBankFilePath": "missing", "errorLogFilePath": "banks"}}})");
-   auto alone = parse(host.run({"--state", files, "--format", "json", "--trace", "7"}).out);
-   EXPECT_EQ(reasons(alone["diagnostics"], "tarn/pcrConfig/status"),
-             std::vector<String>{"tarn/pcrConfig/status configuredPcrBank: " + host.sw.path() +
-                                 "/missing does not exist [set configuredPcrBankFilePath with --state if the file is "
-                                 "elsewhere]"});
-   EXPECT_FALSE(alone["entities"]["tarn/sb/status"]["supported"].GetBool());
-   EXPECT_EQ(alone["trace"][0]["level"].GetInt(), 7);
+TEST(LiveHost, StateAloneLeavesTheInputsUnfilledAndSaysSo) {
+   LiveHost host({}, kIntel);
+   String const state = host.sw.file("s.json", R"({"entities": {}})");
+   auto d = parse(host.run({"--state", state, "--format", "json"}).out);
    String const notCompared =
-      ": not filled in, so secure boot and measured boot were not compared with the manufacturing defaults [run "
-      "with --live, or give it with --state]";
-   EXPECT_EQ(reasons(alone["diagnostics"]),
-             (std::vector<String>{kFis + kAllFacts + "/dev/cpu/0/msr does not exist [load the msr kernel module: "
-                                                     "modprobe msr]",
-                                  "tarn/sb/status ready" + notCompared,
-                                  "hardware/sentrel/config/sentrel configReady" + notCompared}));
+      ": not ready, so secure boot and measured boot were not compared with the manufacturing defaults []";
+   EXPECT_EQ(reasons(d["diagnostics"], "tarn/sb"), std::vector<String>{"tarn/sb/status ready" + notCompared});
+   EXPECT_EQ(reasons(d["diagnostics"], "hardware"),
+             std::vector<String>{"hardware/sentrel/config/sentrel configReady" + notCompared});
 }
 
-TEST(LiveHost, TextReportShowsTheReasonUnderTheFact) {
-   LiveHost host({{kSecureBoot, kOn}}, kIntel);
+TEST(LiveHost, TextReportAnswersTheOperatorsQuestions) {
+   LiveHost host({{kSecureBoot, kOn}, {kTpm2, "2"}, {"sys/class/tpm/tpm0/pcr-sha1/", ""},
+                  {"sys/class/tpm/tpm0/pcr-sha256/", ""}, {kDefaults, kBothOn}, {"sys/kernel/security/", ""}},
+                 kIntel);
    auto r = host.run({});
    ASSERT_EQ(r.exitCode, 0) << r.err;
    EXPECT_NE(r.out.find("  supported            false\n"
-                        "                       why:  /dev/cpu/0/msr does not exist\n"
-                        "                       hint: load the msr kernel module: modprobe msr\n"
-                        "  systemFused          false\n"
-                        "                       why:  as above\n"),
+                        "                       why:  /dev/cpu/0/msr does not exist\n"),
              String::npos)
       << r.out;
-   EXPECT_NE(r.out.find("\nInputs:\n  hardware/sentrel/config/sentrel\n    why:  no manufacturing defaults"),
+   EXPECT_NE(r.out.find("\nInputs:\n"
+                        "  secure boot             on\n"
+                        "  measured boot           unknown\n"
+                        "                          why:  measured boot state (bit 5) unknown: securityfs is not "
+                        "mounted at /sys/kernel/security\n"
+                        "                          hint: mount it: mount -t securityfs securityfs /sys/kernel/security\n"
+                        "  enabled PCR banks       sha1, sha256\n"
+                        "  manufacturing defaults  secure boot on, measured boot on\n"),
              String::npos)
       << r.out;
+   EXPECT_TRUE(r.out.ends_with("\n0 warnings, 18 unknown facts\n")) << r.out;
+}
+
+// The agent's commands run in the C locale, whatever the caller's.
+TEST(LiveHost, TranslatedLscpuIsReadInTheCLocale) {
+   LiveHost host({}, "");
+   host.sw.script("bin/lscpu", "if [ \"$LC_ALL\" = C ]; then echo 'Vendor ID: GenuineIntel'; "
+                               "else echo 'Anbieterkennung: GenuineIntel'; fi\n");
+   auto d = parse(host.run({"--format", "json"}, {"LC_ALL=de_DE.UTF-8", "LANG=de_DE.UTF-8"}).out);
+   EXPECT_STREQ(d["entities"]["sentrel/firstInstructionSecurity"]["cpuVendor"].GetString(), "GenuineIntel");
 }
 
 TEST(LiveHost, MalformedDefaultsFileIsAnUnusableInput) {
@@ -257,4 +257,29 @@ TEST(LiveHost, MalformedDefaultsFileIsAnUnusableInput) {
    EXPECT_EQ(r.out, "");
    EXPECT_EQ(r.err, "sentrel: /etc/sentrel/defaults.json: byte 22: secureBootEnabled: expected true or false, not "
                     "number\n");
+}
+
+// Runs with every toggle off (tests/toggles/all-off): the facts left empty
+// name the toggle and its file, and the report lists the toggles.
+TEST(LiveHostToggleOff, FactsLeftEmptyByAToggleSayWhich) {
+   SENTREL_ONLY_WITH_TOGGLES_OFF();
+   String const dir = std::getenv("SENTREL_TOGGLES_DIR");
+   TempDir root;
+   auto const r = runHost({"--sysroot", root.path(), "--format", "json"});
+   ASSERT_EQ(r.exitCode, 0) << r.err;
+   auto d = parse(r.out);
+   auto const found = reasons(d["diagnostics"]);
+   for (String const &expected :
+        {"sentrel/firstInstructionSecurity cpuVendor: the feature toggle PlatformFirstInstructionSecurity is off (" +
+            dir + "/Sentrel.json) []",
+         "tarn/pcrConfig/status requiredPcrBank: the feature toggle PcrMultibank is off (" + dir +
+            "/SecureBoot.json) []"}) {
+      EXPECT_NE(std::find(found.begin(), found.end(), expected), found.end()) << expected;
+   }
+   EXPECT_FALSE(d["toggles"]["PcrMultibank"].GetBool());
+   EXPECT_FALSE(d["toggles"]["SentrelIma"].GetBool());
+   auto const text = runHost({"--sysroot", root.path()});
+   EXPECT_NE(text.out.find("\nToggles not at their default:\n  PcrMultibank off (" + dir + "/SecureBoot.json)\n"),
+             String::npos)
+      << text.out;
 }

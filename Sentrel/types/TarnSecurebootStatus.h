@@ -12,6 +12,9 @@ class LOOM_API Status : public Loom::Entity {
    struct Attr {
       enum : unsigned { supported, ready, statusFlags, enabledPcrBank };
    };
+   // The bits of statusFlags that this system reads.
+   static constexpr std::uint16_t secureBootDisabledBit = 0x0001;
+   static constexpr std::uint16_t measuredBootEnabledBit = 0x0020;
    static Loom::AllocationTracker memAllocationTracker_;
    static Loom::TypeInfo const &typeInfo();
    Loom::TypeInfo const &typeData() const override { return typeInfo(); }
