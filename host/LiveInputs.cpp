@@ -253,6 +253,12 @@ class Reader {
    // A guest sees its hypervisor's firmware, not the host's: said once, for
    // every first-instruction fact that stays unknown.
    void virtualMachine() {
+      for (char const *marker : {"/.dockerenv", "/run/.containerenv"}) {
+         if (Loom::statSystemPath(marker) == 0) {
+            out.notes[kFis] = String("running in a container (") + marker +
+                              " exists): the machine's devices and firmware variables may not be visible here";
+         }
+      }
       Loom::FileRead const cpuinfo = Loom::readFile(kCpuinfo, true, 1 << 20);
       if (!cpuinfo.data) return;
       String const text = "\n" + *cpuinfo.data;
@@ -262,6 +268,7 @@ class Reader {
          String const line = text.substr(at, text.find('\n', at) - at);
          auto const colon = line.find(':');
          if (colon != String::npos && (" " + line.substr(colon + 1) + " ").find(" hypervisor ") != String::npos) {
+            // The stronger statement: a guest never sees the host's register.
             out.notes[kFis] = "running in a virtual machine (the CPU flags include hypervisor): first-instruction "
                               "security is the host's and is not visible here";
             return;
