@@ -46,6 +46,14 @@ std::size_t rank(Diagnostic const &d) {
    return tree.size() * 1000;
 }
 
+// The agent of an installed tree, else the one of a build tree; when neither
+// is there, the installed path is the one the error names.
+String defaultAgentPath() {
+   String const installed = besideExecutable(SENTREL_INSTALLED_AGENT);
+   String const built = besideExecutable("../lib/libSentrel.so");
+   return access(installed.c_str(), F_OK) != 0 && access(built.c_str(), F_OK) == 0 ? built : installed;
+}
+
 String at(String const &file, std::size_t offset, String const &problem) {
    return file + ": byte " + std::to_string(offset) + ": " + problem;
 }
@@ -124,7 +132,7 @@ Host::~Host() {
 }
 
 void Host::loadAgent() {
-   String const path = options_.agentPath.empty() ? besideExecutable("../lib/libSentrel.so") : options_.agentPath;
+   String const path = options_.agentPath.empty() ? defaultAgentPath() : options_.agentPath;
    // Never unloaded: the agent's statics (log handles) live until exit.
    void *handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
    if (!handle) throw UsageError("cannot load the agent " + path + ": " + dlerror());

@@ -51,6 +51,10 @@ int main(int argc, char **argv) {
          std::fputs(kUsage, stdout);
          return 0;
       }
+      if (options.version) {
+         std::fputs("sentrel " SENTREL_VERSION "\n", stdout);
+         return 0;
+      }
       std::optional<String> state, script;
       if (options.statePath) state = readAll(*options.statePath, "--state");
       if (options.scriptPath) script = readAll(*options.scriptPath, "--script");

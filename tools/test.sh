@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is needed, then builds with warnings as errors and runs every
 # test: g++ (with a valgrind run of the host), clang with ASan and UBSan, and
-# each fuzzer for a while under clang.
+# each fuzzer for a while under clang; last, builds and checks the Debian
+# package.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 tools/deps.sh
@@ -26,3 +27,6 @@ CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo 
   -DSENTREL_TESTS=OFF -DSENTREL_BENCH=OFF
 cmake --build build-fuzz -j$jobs
 tools/fuzz.sh build-fuzz "$fuzz_seconds"
+
+echo "== Debian package"
+tools/package.sh build-package

@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# Installs the build into a staging folder, moves the tree elsewhere and runs
+# the moved sentrel on the sample switch: the installed tree must find its
+# agent and framework through its own relative paths, wherever it lies.
+# usage: install.sh BUILD_DIR SOURCE_DIR VERSION BINDIR MANDIR UNITDIR
+set -euo pipefail
+build=$1 source=$2 version=$3 bindir=$4 mandir=$5 unitdir=$6
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+fail() { echo "install test: $*" >&2; exit 1; }
+
+DESTDIR="$tmp/staged" cmake --install "$build" --prefix /usr >/dev/null
+mv "$tmp/staged" "$tmp/moved"
+root="$tmp/moved"
+prefix="$root/usr"
+sentrel="$prefix/$bindir/sentrel"
+[[ $unitdir == /* ]] && units="$root$unitdir" || units="$prefix/$unitdir"
+
+for f in "$prefix/$mandir/man1/sentrel.1" "$units/sentrel.service" "$units/sentrel.timer" \
+         "$prefix/lib/modules-load.d/sentrel.conf" "$prefix/share/doc/sentrel/examples/defaults.json" \
+         "$prefix/share/doc/sentrel/examples/toggles/Sentrel.json"; do
+  [[ -f $f ]] || fail "not installed: ${f#"$root"}"
+done
+
+[[ $("$sentrel" --version) == "sentrel $version" ]] || fail "--version printed '$("$sentrel" --version)'"
+
+# The framework comes from the moved tree, not from the build folder.
+framework=$(ldd "$sentrel" | awk '/libSentrelPlatform/ {print $3}')
+[[ $framework == "$prefix"/* ]] || fail "the framework resolves to '$framework'"
+
+report="$tmp/report.json"
+status=0
+SENTREL="$sentrel" "$source/examples/run.sh" intel --no-syslog --format json >"$report" || status=$?
+[[ $status -eq 0 ]] || fail "the sample switch run exited with $status"
+python3 - "$report" <<'EOF' || fail "unexpected report"
+import json, sys
+lines = open(sys.argv[1]).read().split("\n", 1)
+report = json.loads(lines[1])  # after the script's one invoke result
+assert lines[0] == '"Tarn=2.07"', lines[0]
+e = report["entities"]
+assert e["sentrel/firstInstructionSecurity"]["cpuVendor"] == "GenuineIntel", e
+assert e["sentrel/firstInstructionSecurity"]["supported"] is True, e
+assert e["sentrel/measuredBootVersion"]["vexo"] == "1.1", e
+assert {m["name"] for m in report["log"]} >= {"TARN_DEPRECATION_WARNING", "SENTREL_WARNING"}, report["log"]
+EOF
+
+if command -v man >/dev/null; then
+  warnings=$(MANWIDTH=80 man --warnings -l "$prefix/$mandir/man1/sentrel.1" 2>&1 >/dev/null)
+  [[ -z $warnings ]] || fail "the manual page: $warnings"
+fi
+echo "install test: passed"
