@@ -1,7 +1,9 @@
 
 #include "Sentrel/types/StateTree.h"
 #include "host/Host.h"
+#include "host/MetricsReport.h"
 #include "host/ValueJson.h"
+#include "host/Version.h"
 
 namespace SentrelHost {
 
@@ -137,6 +139,8 @@ String Host::showText(std::optional<String> const &path) const {
 
 String Host::report() const {
    auto const diags = diagnostics();
+   auto const run = thisRun();
+   if (options_.format == Format::OpenMetrics) return metricsReport(*em_, diags, logs_, run);
    if (options_.format == Format::Text) {
       String out;
       for (auto const &e : Sentrel::stateTree()) {
@@ -164,6 +168,14 @@ String Host::report() const {
    w.SetIndent(' ', 2);
    w.SetFormatOptions(rapidjson::kFormatSingleLineArray);
    w.StartObject();
+   key(w, "run");
+   w.StartObject();
+   for (auto const &[k, v] : {std::pair{"version", run.version}, std::pair{"host", run.host},
+                              std::pair{"time", rfc3339(run.time)}}) {
+      key(w, k);
+      key(w, v);
+   }
+   w.EndObject();
    key(w, "entities");
    writeEntities(w, *em_, std::nullopt);
    key(w, "stateMachines");
