@@ -1,5 +1,6 @@
 #include "host/MetricsReport.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <map>
@@ -26,10 +27,11 @@ struct Family {
 };
 
 enum : std::size_t { Fact, FactInfo, SetMember, MapEntry, EntityPresent, UnknownFact, Warnings, LastRun, BuildInfo };
+using Families = std::array<Family, BuildInfo + 1>;
 
 // The families in the order they are printed; each is printed even without
 // samples, so a reader sees what the format offers.
-std::array<Family, 9> emptyFamilies() {
+Families emptyFamilies() {
    return {{
       {"sentrel_fact", "Boolean (0 or 1) or number attribute of a present entity of the state tree.", {}},
       {"sentrel_fact_info", "String attribute of a present entity, in the label value; always 1.", {}},
@@ -48,7 +50,7 @@ std::array<Family, 9> emptyFamilies() {
 
 // One attribute's samples, by the kind of its generic value. A variant's
 // numbers are facts named by their JSON path: attribute.alternative.field.
-void addAttribute(std::array<Family, 9> &f, String const &entity, String const &name, Loom::Value const &v) {
+void addAttribute(Families &f, String const &entity, String const &name, Loom::Value const &v) {
    auto const add = [&](std::size_t family, Labels labels, std::uint64_t value) {
       labels.insert(labels.begin(), {{"entity", entity}, {"attribute", name}});
       f[family].samples.push_back({std::move(labels), value});
@@ -75,8 +77,8 @@ void addAttribute(std::array<Family, 9> &f, String const &entity, String const &
       v);
 }
 
-std::array<Family, 9> collect(Ledger::EntityManager const &em, std::vector<Diagnostic> const &diagnostics,
-                              std::vector<Loom::LogRecord> const &logs, RunInfo const &run) {
+Families collect(Ledger::EntityManager const &em, std::vector<Diagnostic> const &diagnostics,
+                 std::vector<Loom::LogRecord> const &logs, RunInfo const &run) {
    auto f = emptyFamilies();
    for (auto const &entry : Sentrel::stateTree()) {
       auto const e = em.lookup(entry.path);
