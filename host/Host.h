@@ -8,6 +8,7 @@
 #include "Sentrel/platform/Log.h"
 #include "Sentrel/platform/Trace.h"
 #include "Sentrel/platform/Reason.h"
+#include "host/Diagnostic.h"
 #include "host/JsonTree.h"
 #include "host/Options.h"
 #include "host/UsageError.h"
@@ -17,15 +18,6 @@ class Agent;  // only declared: the host reaches the agent through the framework
 }
 
 namespace SentrelHost {
-
-// Why a fact is unknown: something could not be read. An empty attribute
-// stands for the whole entity, which is absent.
-struct Diagnostic {
-   String entity;
-   String attribute;
-   String reason;
-   String hint;
-};
 
 // What the framework does for the agent outside a switch: the state
 // database, the loaded agent, and what it logged and traced.

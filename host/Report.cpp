@@ -3,7 +3,9 @@
 #include "Sentrel/platform/Toggle.h"
 #include "host/Host.h"
 #include "host/LiveInputs.h"
+#include "host/MetricsReport.h"
 #include "host/ValueJson.h"
+#include "host/Version.h"
 
 namespace SentrelHost {
 
@@ -139,6 +141,8 @@ String Host::showText(std::optional<String> const &path) const {
 
 String Host::report() const {
    auto const diags = diagnostics();
+   auto const run = thisRun();
+   if (options_.format == Format::OpenMetrics) return metricsReport(*em_, diags, logs_, run);
    if (options_.format == Format::Text) {
       String out;
       for (auto const &e : Sentrel::stateTree()) {
@@ -177,6 +181,14 @@ String Host::report() const {
    w.SetIndent(' ', 2);
    w.SetFormatOptions(rapidjson::kFormatSingleLineArray);
    w.StartObject();
+   key(w, "run");
+   w.StartObject();
+   for (auto const &[k, v] : {std::pair{"version", run.version}, std::pair{"host", run.host},
+                              std::pair{"time", rfc3339(run.time)}}) {
+      key(w, k);
+      key(w, v);
+   }
+   w.EndObject();
    key(w, "entities");
    writeEntities(w, *em_, std::nullopt);
    key(w, "stateMachines");

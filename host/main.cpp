@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "host/Host.h"
+#include "host/OutputFile.h"
 
 namespace {
 
@@ -70,8 +71,12 @@ int main(int argc, char **argv) {
       String out;
       if (script) host.runScript(*options.scriptPath == "-" ? "<stdin>" : *options.scriptPath, *script, out);
       out += host.report();
-      std::fwrite(out.data(), 1, out.size(), stdout);
-      std::fflush(stdout);
+      if (options.outputPath) {
+         writeFileAtomically(*options.outputPath, out);
+      } else {
+         std::fwrite(out.data(), 1, out.size(), stdout);
+         std::fflush(stdout);
+      }
       bool const unknown = !host.diagnostics().empty();
       if (!host.shutDown()) return 3;
       if (options.failOnWarning && !host.logs().empty()) return 1;

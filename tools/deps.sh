@@ -4,7 +4,9 @@ set -euo pipefail
 packages=(g++ clang cmake make rapidjson-dev libgtest-dev libgmock-dev libbenchmark-dev
           libclang-rt-14-dev valgrind python3
           # the Debian package, its checks, the manual page and the units
-          debhelper dpkg-dev fakeroot lintian man-db groff-base systemd git)
+          debhelper dpkg-dev fakeroot lintian man-db groff-base systemd git
+          # the metrics tests
+          prometheus prometheus-node-exporter curl)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
