@@ -57,6 +57,8 @@ class Host {
 
  private:
    void runScriptCommand(String const &where, String const &line, String &out);
+   // Appends what a script command prints, as comments in the metrics format.
+   void emit(String &out, String const &text) const;
    String showJson(std::optional<String> const &path) const;
    String showText(std::optional<String> const &path) const;
    Loom::Object *stateMachine(String const &name) const;

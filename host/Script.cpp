@@ -43,6 +43,18 @@ void Host::runScript(String const &name, String const &text, String &out) {
    }
 }
 
+void Host::emit(String &out, String const &text) const {
+   if (options_.format != Format::OpenMetrics) {
+      out += text;
+      return;
+   }
+   // Comments, so that the metrics file stays valid for its readers.
+   std::size_t begin = 0;
+   for (std::size_t end; (end = text.find('\n', begin)) != String::npos; begin = end + 1) {
+      out += "# " + text.substr(begin, end - begin) + "\n";
+   }
+}
+
 void Host::runScriptCommand(String const &, String const &line, String &out) {
    String rest = line;
    String const cmd = word(rest);
@@ -75,7 +87,7 @@ void Host::runScriptCommand(String const &, String const &line, String &out) {
          if (!Sentrel::stateTreeEntry(path)) throw UsageError("no entity at \"" + path + "\"");
          p = path;
       }
-      out += options_.format == Format::Json ? showJson(p) : showText(p);
+      emit(out, options_.format == Format::Json ? showJson(p) : showText(p));
    } else if (cmd == "invoke") {
       String const sm = word(rest), opName = word(rest);
       if (opName.empty() || !trimmed(rest).empty()) throw UsageError("invoke takes SM OPERATION");
@@ -87,7 +99,7 @@ void Host::runScriptCommand(String const &, String const &line, String &out) {
       if (!op) throw UsageError("unknown operation \"" + opName + "\" of " + sm);
       Ptr<Loom::Object> keep(machine);
       if (auto result = op->invoke(*machine)) {
-         out += (options_.format == Format::Json ? jsonQuote(*result) : *result) + "\n";
+         emit(out, (options_.format == Format::Json ? jsonQuote(*result) : *result) + "\n");
       }
    } else if (cmd == "restart") {
       if (!trimmed(rest).empty()) throw UsageError("restart takes no argument");
