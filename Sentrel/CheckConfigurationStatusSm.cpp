@@ -35,9 +35,7 @@ Ptr<CheckConfigurationStatusSm> CheckConfigurationStatusSm::CheckConfigurationSt
    Ptr<Ledger::EntityManager> const &entityManager,
    Ptr<Hardware::Sentrel::Config const> const &defaultSentrelStatus,
    Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
-   auto sm = Loom::make<CheckConfigurationStatusSm>(entityManager, defaultSentrelStatus, sbStatus);
-   sm->hasNotificationActiveIs(true);
-   return sm;
+   return Loom::stateMachineNew<CheckConfigurationStatusSm>(entityManager, defaultSentrelStatus, sbStatus);
 }
 
 CheckConfigurationStatusSm::CheckConfigurationStatusSm(
@@ -47,28 +45,20 @@ CheckConfigurationStatusSm::CheckConfigurationStatusSm(
     : entityManager_(entityManager),
       defaultSentrelStatus_(defaultSentrelStatus),
       sbStatus_(sbStatus),
-      defaultSentrelStatusReactor_(*this, defaultSentrelStatus.ptr(),
-                                   [this](unsigned attr) { handleDefaultSentrelStatusConfigReady(attr); }),
-      sbStatusReactor_(*this, sbStatus.ptr(), [this](unsigned attr) { handleSbStatusReady(attr); }) {
-   defaultSentrelStatusReactor_.subscribe();
-   sbStatusReactor_.subscribe();
+      defaultSentrelStatusReactor_(*this, defaultSentrelStatus.ptr(), {Hardware::Sentrel::Config::Attr::configReady},
+                                   [this](unsigned) { handleDefaultSentrelStatusConfigReady(); }),
+      sbStatusReactor_(*this, sbStatus.ptr(), {Tarn::Secureboot::Status::Attr::ready},
+                       [this](unsigned) { handleSbStatusReady(); }) {
    if (toggleSentrelMfgExpectedConfigCheckEnabled()) handleInitialized();
 }
 
-CheckConfigurationStatusSm::~CheckConfigurationStatusSm() {
-   hasNotificationActiveIs(false);
-   defaultSentrelStatusReactor_.unsubscribe();
-   sbStatusReactor_.unsubscribe();
-   loomDoZombieReactors(true);
-}
+CheckConfigurationStatusSm::~CheckConfigurationStatusSm() = default;
 
-void CheckConfigurationStatusSm::handleDefaultSentrelStatusConfigReady(unsigned attr) {
-   if (zombie() || attr != Hardware::Sentrel::Config::Attr::configReady) return;
+void CheckConfigurationStatusSm::handleDefaultSentrelStatusConfigReady() {
    if (toggleSentrelMfgExpectedConfigCheckEnabled()) checkConfigurationStatus();
 }
 
-void CheckConfigurationStatusSm::handleSbStatusReady(unsigned attr) {
-   if (zombie() || attr != Tarn::Secureboot::Status::Attr::ready) return;
+void CheckConfigurationStatusSm::handleSbStatusReady() {
    if (toggleSentrelMfgExpectedConfigCheckEnabled()) checkConfigurationStatus();
 }
 

@@ -3,13 +3,14 @@
 #include <tuple>
 
 #include "Sentrel/platform/Ledger.h"
+#include "Sentrel/platform/StateMachine.h"
 #include "Sentrel/types/HardwareSentrelConfig.h"
 #include "Sentrel/types/TarnSecurebootStatus.h"
 
 namespace Sentrel {
 
 // Compares secure boot and measured boot with the manufacturing defaults.
-class CheckConfigurationStatusSm : public Loom::Node {
+class CheckConfigurationStatusSm : public Loom::StateMachine {
  public:
    static Loom::AllocationTracker memAllocationTracker_;
    static Loom::TypeInfo const &typeInfo();
@@ -31,22 +32,19 @@ class CheckConfigurationStatusSm : public Loom::Node {
    void checkConfigurationStatus();
    // What it was built on, compared by identity when the agent asks again.
    auto constructorArgs() const { return std::tie(entityManager_, defaultSentrelStatus_, sbStatus_); }
-   bool initialized() const { return initialized_; }
-   void initializedIs(bool v) { initialized_ = v; }
    void handleInitialized();
 
  protected:
    ~CheckConfigurationStatusSm() override;
 
  private:
-   void handleDefaultSentrelStatusConfigReady(unsigned attr);
-   void handleSbStatusReady(unsigned attr);
+   void handleDefaultSentrelStatusConfigReady();
+   void handleSbStatusReady();
 
    Loom::TrackedBy tracked_{memAllocationTracker_};
    Ptr<Ledger::EntityManager> entityManager_;
    Ptr<Hardware::Sentrel::Config const> defaultSentrelStatus_;
    Ptr<Tarn::Secureboot::Status const> sbStatus_;
-   bool initialized_ = false;
    Loom::Reactor defaultSentrelStatusReactor_;
    Loom::Reactor sbStatusReactor_;
 };

@@ -78,9 +78,7 @@ Loom::TypeInfo const &FirstInstructionSecuritySm::typeInfo() {
 
 Ptr<FirstInstructionSecuritySm> FirstInstructionSecuritySm::FirstInstructionSecuritySmIs(
    Ptr<Ledger::EntityManager> const &entityManager, Ptr<FirstInstructionSecurity> const &firstInstructionSecurity) {
-   auto sm = Loom::make<FirstInstructionSecuritySm>(entityManager, firstInstructionSecurity);
-   sm->hasNotificationActiveIs(true);
-   return sm;
+   return Loom::stateMachineNew<FirstInstructionSecuritySm>(entityManager, firstInstructionSecurity);
 }
 
 FirstInstructionSecuritySm::FirstInstructionSecuritySm(
@@ -89,7 +87,7 @@ FirstInstructionSecuritySm::FirstInstructionSecuritySm(
    handleInitialized();
 }
 
-FirstInstructionSecuritySm::~FirstInstructionSecuritySm() { hasNotificationActiveIs(false); }
+FirstInstructionSecuritySm::~FirstInstructionSecuritySm() = default;
 
 void FirstInstructionSecuritySm::handleInitialized() {
    TRACE7("void Sentrel::FirstInstructionSecuritySm::handleInitialized()");

@@ -4,13 +4,14 @@
 #include <tuple>
 
 #include "Sentrel/platform/Ledger.h"
+#include "Sentrel/platform/StateMachine.h"
 #include "Sentrel/types/FirstInstructionSecurity.h"
 
 namespace Sentrel {
 
 // Finds the CPU vendor and reads Intel Boot Guard or AMD Platform Secure
 // Boot state.
-class FirstInstructionSecuritySm : public Loom::Node {
+class FirstInstructionSecuritySm : public Loom::StateMachine {
  public:
    static Loom::AllocationTracker memAllocationTracker_;
    static Loom::TypeInfo const &typeInfo();
@@ -31,8 +32,6 @@ class FirstInstructionSecuritySm : public Loom::Node {
    void getPsbStatus();
    // What it was built on, compared by identity when the agent asks again.
    auto constructorArgs() const { return std::tie(entityManager_, firstInstructionSecurity_); }
-   bool initialized() const { return initialized_; }
-   void initializedIs(bool v) { initialized_ = v; }
    void handleInitialized();
 
  protected:
@@ -42,7 +41,6 @@ class FirstInstructionSecuritySm : public Loom::Node {
    Loom::TrackedBy tracked_{memAllocationTracker_};
    Ptr<Ledger::EntityManager> entityManager_;
    Ptr<FirstInstructionSecurity> firstInstructionSecurity_;
-   bool initialized_ = false;
 };
 
 // The CPU vendor in the output of lscpu: what the ECMAScript search

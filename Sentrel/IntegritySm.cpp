@@ -22,12 +22,10 @@ Loom::TypeInfo const &IntegrityKeyringSm::typeInfo() {
 }
 
 Ptr<IntegrityKeyringSm> IntegrityKeyringSm::IntegrityKeyringSmIs(Ptr<IntegrityKeyringColl> const &coll) {
-   auto sm = Loom::make<IntegrityKeyringSm>(coll);
-   sm->hasNotificationActiveIs(true);
-   return sm;
+   return Loom::stateMachineNew<IntegrityKeyringSm>(coll);
 }
 
-IntegrityKeyringSm::~IntegrityKeyringSm() { hasNotificationActiveIs(false); }
+IntegrityKeyringSm::~IntegrityKeyringSm() = default;
 
 Loom::AllocationTracker IntegritySyslogSm::memAllocationTracker_{"Sentrel::IntegritySyslogSm"};
 
@@ -37,11 +35,9 @@ Loom::TypeInfo const &IntegritySyslogSm::typeInfo() {
 }
 
 Ptr<IntegritySyslogSm> IntegritySyslogSm::IntegritySyslogSmIs() {
-   auto sm = Loom::make<IntegritySyslogSm>();
-   sm->hasNotificationActiveIs(true);
-   return sm;
+   return Loom::stateMachineNew<IntegritySyslogSm>();
 }
 
-IntegritySyslogSm::~IntegritySyslogSm() { hasNotificationActiveIs(false); }
+IntegritySyslogSm::~IntegritySyslogSm() = default;
 
 }  // namespace Sentrel

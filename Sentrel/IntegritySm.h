@@ -3,6 +3,7 @@
 #include <tuple>
 
 #include "Sentrel/platform/Ledger.h"
+#include "Sentrel/platform/StateMachine.h"
 #include "Sentrel/types/IntegrityKeyringColl.h"
 
 namespace Sentrel {
@@ -28,7 +29,7 @@ class IntegrityKeyringRequestStatusColl : public Loom::Entity {
    ~IntegrityKeyringRequestStatusColl() override;
 };
 
-class IntegrityKeyringSm : public Loom::Node {
+class IntegrityKeyringSm : public Loom::StateMachine {
  public:
    static Loom::AllocationTracker memAllocationTracker_;
    static Loom::TypeInfo const &typeInfo();
@@ -47,7 +48,7 @@ class IntegrityKeyringSm : public Loom::Node {
    Ptr<IntegrityKeyringColl> coll_;
 };
 
-class IntegritySyslogSm : public Loom::Node {
+class IntegritySyslogSm : public Loom::StateMachine {
  public:
    static Loom::AllocationTracker memAllocationTracker_;
    static Loom::TypeInfo const &typeInfo();

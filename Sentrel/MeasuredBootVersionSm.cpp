@@ -24,31 +24,26 @@ Loom::TypeInfo const &MeasuredBootVersionSm::typeInfo() {
 
 Ptr<MeasuredBootVersionSm> MeasuredBootVersionSm::MeasuredBootVersionSmIs(
    Ptr<Ledger::EntityManager> const &entityManager, Ptr<MeasuredBootVersion> const &measuredBootVersion) {
-   auto sm = Loom::make<MeasuredBootVersionSm>(entityManager, measuredBootVersion);
-   sm->hasNotificationActiveIs(true);
-   return sm;
+   return Loom::stateMachineNew<MeasuredBootVersionSm>(entityManager, measuredBootVersion);
 }
 
 MeasuredBootVersionSm::MeasuredBootVersionSm(Ptr<Ledger::EntityManager> const &entityManager,
                                              Ptr<MeasuredBootVersion> const &measuredBootVersion)
     : entityManager_(entityManager),
       measuredBootVersion_(measuredBootVersion),
-      measuredBootVersionReactor_(*this, measuredBootVersion.ptr(),
-                                  [this](unsigned attr) { measuredBootVersionDispatch(attr); }) {
-   measuredBootVersionReactor_.subscribe();
+      measuredBootVersionReactor_(
+         *this, measuredBootVersion.ptr(),
+         {MeasuredBootVersion::Attr::vexoVersionFilePath, MeasuredBootVersion::Attr::tarnVersionFilePath},
+         [this](unsigned attr) { measuredBootVersionDispatch(attr); }) {
    handleInitialized();
 }
 
-MeasuredBootVersionSm::~MeasuredBootVersionSm() {
-   hasNotificationActiveIs(false);
-   loomDoZombieReactors(true);
-}
+MeasuredBootVersionSm::~MeasuredBootVersionSm() = default;
 
 void MeasuredBootVersionSm::measuredBootVersionDispatch(unsigned attr) {
-   if (zombie()) return;
    if (attr == MeasuredBootVersion::Attr::vexoVersionFilePath) {
       readVexoMeasuredBootVersion();
-   } else if (attr == MeasuredBootVersion::Attr::tarnVersionFilePath) {
+   } else {
       readTarnMeasuredBootVersion();
    }
 }

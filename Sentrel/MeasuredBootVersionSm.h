@@ -3,13 +3,14 @@
 #include <tuple>
 
 #include "Sentrel/platform/Ledger.h"
+#include "Sentrel/platform/StateMachine.h"
 #include "Sentrel/types/MeasuredBootVersion.h"
 
 namespace Sentrel {
 
 // Publishes the measured boot versions of the bootloader and of the
 // operating system image, and reads one again when its path changes.
-class MeasuredBootVersionSm : public Loom::Node {
+class MeasuredBootVersionSm : public Loom::StateMachine {
  public:
    static Loom::AllocationTracker memAllocationTracker_;
    static Loom::TypeInfo const &typeInfo();
@@ -27,8 +28,6 @@ class MeasuredBootVersionSm : public Loom::Node {
    void readTarnMeasuredBootVersion();
    // What it was built on, compared by identity when the agent asks again.
    auto constructorArgs() const { return std::tie(entityManager_, measuredBootVersion_); }
-   bool initialized() const { return initialized_; }
-   void initializedIs(bool v) { initialized_ = v; }
    void handleInitialized();
 
  protected:
@@ -40,7 +39,6 @@ class MeasuredBootVersionSm : public Loom::Node {
    Loom::TrackedBy tracked_{memAllocationTracker_};
    Ptr<Ledger::EntityManager> entityManager_;
    Ptr<MeasuredBootVersion> measuredBootVersion_;
-   bool initialized_ = false;
    Loom::Reactor measuredBootVersionReactor_;
 };
 

@@ -37,9 +37,7 @@ Loom::TypeInfo const &TarnFeatureSm::typeInfo() {
 Ptr<TarnFeatureSm> TarnFeatureSm::TarnFeatureSmIs(Ptr<Ledger::EntityManager> const &entityManager,
                                                   Ptr<Tarn::Features::Status> const &tarnFeatureStatus,
                                                   Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
-   auto sm = Loom::make<TarnFeatureSm>(entityManager, tarnFeatureStatus, sbStatus);
-   sm->hasNotificationActiveIs(true);
-   return sm;
+   return Loom::stateMachineNew<TarnFeatureSm>(entityManager, tarnFeatureStatus, sbStatus);
 }
 
 TarnFeatureSm::TarnFeatureSm(Ptr<Ledger::EntityManager> const &entityManager,
@@ -48,19 +46,14 @@ TarnFeatureSm::TarnFeatureSm(Ptr<Ledger::EntityManager> const &entityManager,
     : entityManager_(entityManager),
       tarnFeatureStatus_(tarnFeatureStatus),
       sbStatus_(sbStatus),
-      sbStatusDispatch_(*this, sbStatus.ptr(), [this](unsigned attr) { sbStatusDispatch(attr); }) {
-   sbStatusDispatch_.subscribe();
+      sbStatusDispatch_(*this, sbStatus.ptr(), {Tarn::Secureboot::Status::Attr::supported},
+                        [this](unsigned) { sbStatusDispatch(); }) {
    handleInitialized();
 }
 
-TarnFeatureSm::~TarnFeatureSm() {
-   hasNotificationActiveIs(false);
-   loomDoZombieReactors(true);
-}
+TarnFeatureSm::~TarnFeatureSm() = default;
 
-void TarnFeatureSm::sbStatusDispatch(unsigned attr) {
-   if (zombie()) return;
-   if (attr != Tarn::Secureboot::Status::Attr::supported) return;
+void TarnFeatureSm::sbStatusDispatch() {
    // The revisions read at start-up stand; only the checks gated by
    // `supported` are run again.
    checkTarnDeprecation();

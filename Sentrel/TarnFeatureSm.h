@@ -5,6 +5,7 @@
 #include <tuple>
 
 #include "Sentrel/platform/Ledger.h"
+#include "Sentrel/platform/StateMachine.h"
 #include "Sentrel/types/TarnFeaturesStatus.h"
 #include "Sentrel/types/TarnSecurebootStatus.h"
 
@@ -12,7 +13,7 @@ namespace Sentrel {
 
 // Reads the bootloader's features file, derives secure boot outdated, PCR
 // multibank and measured boot support, and warns of bootloader deprecation.
-class TarnFeatureSm : public Loom::Node {
+class TarnFeatureSm : public Loom::StateMachine {
  public:
    static Loom::AllocationTracker memAllocationTracker_;
    static Loom::TypeInfo const &typeInfo();
@@ -36,21 +37,18 @@ class TarnFeatureSm : public Loom::Node {
    void checkMeasuredbootSupported();
    // What it was built on, compared by identity when the agent asks again.
    auto constructorArgs() const { return std::tie(entityManager_, tarnFeatureStatus_, sbStatus_); }
-   bool initialized() const { return initialized_; }
-   void initializedIs(bool v) { initialized_ = v; }
    void handleInitialized();
 
  protected:
    ~TarnFeatureSm() override;
 
  private:
-   void sbStatusDispatch(unsigned attr);
+   void sbStatusDispatch();
 
    Loom::TrackedBy tracked_{memAllocationTracker_};
    Ptr<Ledger::EntityManager> entityManager_;
    Ptr<Tarn::Features::Status> tarnFeatureStatus_;
    Ptr<Tarn::Secureboot::Status const> sbStatus_;
-   bool initialized_ = false;
    Loom::Reactor sbStatusDispatch_;
 };
 

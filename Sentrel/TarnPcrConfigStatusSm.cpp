@@ -40,9 +40,7 @@ Loom::TypeInfo const &TarnPcrConfigStatusSm::typeInfo() {
 Ptr<TarnPcrConfigStatusSm> TarnPcrConfigStatusSm::TarnPcrConfigStatusSmIs(
    Ptr<Ledger::EntityManager> const &entityManager, Ptr<Tarn::PcrConfig::Status> const &tarnPcrConfigStatus,
    Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
-   auto sm = Loom::make<TarnPcrConfigStatusSm>(entityManager, tarnPcrConfigStatus, sbStatus);
-   sm->hasNotificationActiveIs(true);
-   return sm;
+   return Loom::stateMachineNew<TarnPcrConfigStatusSm>(entityManager, tarnPcrConfigStatus, sbStatus);
 }
 
 TarnPcrConfigStatusSm::TarnPcrConfigStatusSm(Ptr<Ledger::EntityManager> const &entityManager,
@@ -52,7 +50,7 @@ TarnPcrConfigStatusSm::TarnPcrConfigStatusSm(Ptr<Ledger::EntityManager> const &e
    handleInitialized();
 }
 
-TarnPcrConfigStatusSm::~TarnPcrConfigStatusSm() { hasNotificationActiveIs(false); }
+TarnPcrConfigStatusSm::~TarnPcrConfigStatusSm() = default;
 
 void TarnPcrConfigStatusSm::handleInitialized() {
    TRACE7("void Sentrel::TarnPcrConfigStatusSm::handleInitialized()");

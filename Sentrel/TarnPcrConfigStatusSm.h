@@ -3,6 +3,7 @@
 #include <tuple>
 
 #include "Sentrel/platform/Ledger.h"
+#include "Sentrel/platform/StateMachine.h"
 #include "Sentrel/types/TarnPcrConfigStatus.h"
 #include "Sentrel/types/TarnSecurebootStatus.h"
 
@@ -10,7 +11,7 @@ namespace Sentrel {
 
 // Reads the required and configured PCR banks and the bootloader's PCR
 // configuration error log, and warns of what it reports.
-class TarnPcrConfigStatusSm : public Loom::Node {
+class TarnPcrConfigStatusSm : public Loom::StateMachine {
  public:
    static Loom::AllocationTracker memAllocationTracker_;
    static Loom::TypeInfo const &typeInfo();
@@ -33,8 +34,6 @@ class TarnPcrConfigStatusSm : public Loom::Node {
    void readConfiguredPcrBank();
    // What it was built on, compared by identity when the agent asks again.
    auto constructorArgs() const { return std::tie(entityManager_, tarnPcrConfigStatus_, sbStatus_); }
-   bool initialized() const { return initialized_; }
-   void initializedIs(bool v) { initialized_ = v; }
    void handleInitialized();
 
  protected:
@@ -45,7 +44,6 @@ class TarnPcrConfigStatusSm : public Loom::Node {
    Ptr<Ledger::EntityManager> entityManager_;
    Ptr<Tarn::PcrConfig::Status> tarnPcrConfigStatus_;
    Ptr<Tarn::Secureboot::Status const> sbStatus_;
-   bool initialized_ = false;
 };
 
 }  // namespace Sentrel
