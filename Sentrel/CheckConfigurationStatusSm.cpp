@@ -6,6 +6,10 @@
 #include "Sentrel/PlatformHelpers.h"
 #include "Sentrel/SentrelTrace.h"
 
+#define SENTREL_CHECK_CONFIGURATION_STATUS_SM_OPS(X) X(checkConfigurationStatus) X(handleInitialized)
+LOOM_STATE_MACHINE_DEFINE(Sentrel, CheckConfigurationStatusSm, SENTREL_CHECK_CONFIGURATION_STATUS_SM_ARGS,
+                          SENTREL_CHECK_CONFIGURATION_STATUS_SM_OPS)
+
 namespace Sentrel {
 
 namespace {
@@ -14,29 +18,6 @@ constexpr std::uint16_t secureBootDisabledBit = 0x0001;
 constexpr std::uint16_t measuredBootEnabledBit = 0x0020;
 
 }  // namespace
-
-Loom::AllocationTracker CheckConfigurationStatusSm::memAllocationTracker_{
-   "Sentrel::CheckConfigurationStatusSm"};
-
-Loom::TypeInfo const &CheckConfigurationStatusSm::typeInfo() {
-   using S = CheckConfigurationStatusSm;
-   static Loom::TypeInfo const t{
-      "Sentrel::CheckConfigurationStatusSm",
-      {Loom::attr("entityManager", &S::entityManager),
-       Loom::attr("defaultSentrelStatus", &S::defaultSentrelStatus), Loom::attr("sbStatus", &S::sbStatus),
-       Loom::attr("initialized", &S::initialized, &S::initializedIs)},
-      {Loom::op("checkConfigurationStatus", &S::checkConfigurationStatus),
-       Loom::op("handleInitialized", &S::handleInitialized)},
-      nullptr};
-   return t;
-}
-
-Ptr<CheckConfigurationStatusSm> CheckConfigurationStatusSm::CheckConfigurationStatusSmIs(
-   Ptr<Ledger::EntityManager> const &entityManager,
-   Ptr<Hardware::Sentrel::Config const> const &defaultSentrelStatus,
-   Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
-   return Loom::stateMachineNew<CheckConfigurationStatusSm>(entityManager, defaultSentrelStatus, sbStatus);
-}
 
 CheckConfigurationStatusSm::CheckConfigurationStatusSm(
    Ptr<Ledger::EntityManager> const &entityManager,
@@ -51,8 +32,6 @@ CheckConfigurationStatusSm::CheckConfigurationStatusSm(
                        [this](unsigned) { handleSbStatusReady(); }) {
    if (toggleSentrelMfgExpectedConfigCheckEnabled()) handleInitialized();
 }
-
-CheckConfigurationStatusSm::~CheckConfigurationStatusSm() = default;
 
 void CheckConfigurationStatusSm::handleDefaultSentrelStatusConfigReady() {
    if (toggleSentrelMfgExpectedConfigCheckEnabled()) checkConfigurationStatus();

@@ -1,19 +1,11 @@
 #include "Sentrel/IntegritySm.h"
 
+LOOM_ENTITY_DEFINE(Sentrel, IntegrityKeyringRequestColl, SENTREL_INTEGRITY_REQUEST_ATTRS)
+LOOM_ENTITY_DEFINE(Sentrel, IntegrityKeyringRequestStatusColl, SENTREL_INTEGRITY_REQUEST_ATTRS)
+
 namespace Sentrel {
 
-Loom::TypeInfo const &IntegrityKeyringRequestColl::typeInfo() {
-   static Loom::TypeInfo const t{"Sentrel::IntegrityKeyringRequestColl", {}, {}, nullptr};
-   return t;
-}
-IntegrityKeyringRequestColl::~IntegrityKeyringRequestColl() = default;
-
-Loom::TypeInfo const &IntegrityKeyringRequestStatusColl::typeInfo() {
-   static Loom::TypeInfo const t{"Sentrel::IntegrityKeyringRequestStatusColl", {}, {}, nullptr};
-   return t;
-}
-IntegrityKeyringRequestStatusColl::~IntegrityKeyringRequestStatusColl() = default;
-
+// The stand-ins describe nothing of themselves.
 Loom::AllocationTracker IntegrityKeyringSm::memAllocationTracker_{"Sentrel::IntegrityKeyringSm"};
 
 Loom::TypeInfo const &IntegrityKeyringSm::typeInfo() {
@@ -21,9 +13,8 @@ Loom::TypeInfo const &IntegrityKeyringSm::typeInfo() {
    return t;
 }
 
-Ptr<IntegrityKeyringSm> IntegrityKeyringSm::IntegrityKeyringSmIs(Ptr<IntegrityKeyringColl> const &coll) {
-   return Loom::stateMachineNew<IntegrityKeyringSm>(coll);
-}
+IntegrityKeyringSm::IntegrityKeyringSm(Ptr<IntegrityKeyringColl> const &integrityKeyringColl)
+    : integrityKeyringColl_(integrityKeyringColl) {}
 
 IntegrityKeyringSm::~IntegrityKeyringSm() = default;
 
@@ -34,9 +25,7 @@ Loom::TypeInfo const &IntegritySyslogSm::typeInfo() {
    return t;
 }
 
-Ptr<IntegritySyslogSm> IntegritySyslogSm::IntegritySyslogSmIs() {
-   return Loom::stateMachineNew<IntegritySyslogSm>();
-}
+IntegritySyslogSm::IntegritySyslogSm() = default;
 
 IntegritySyslogSm::~IntegritySyslogSm() = default;
 

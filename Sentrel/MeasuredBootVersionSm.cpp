@@ -5,27 +5,12 @@
 #include "Sentrel/PlatformHelpers.h"
 #include "Sentrel/SentrelTrace.h"
 
+#define SENTREL_MEASURED_BOOT_VERSION_SM_OPS(X) \
+   X(readVexoMeasuredBootVersion) X(readTarnMeasuredBootVersion) X(handleInitialized)
+LOOM_STATE_MACHINE_DEFINE(Sentrel, MeasuredBootVersionSm, SENTREL_MEASURED_BOOT_VERSION_SM_ARGS,
+                          SENTREL_MEASURED_BOOT_VERSION_SM_OPS)
+
 namespace Sentrel {
-
-Loom::AllocationTracker MeasuredBootVersionSm::memAllocationTracker_{"Sentrel::MeasuredBootVersionSm"};
-
-Loom::TypeInfo const &MeasuredBootVersionSm::typeInfo() {
-   using S = MeasuredBootVersionSm;
-   static Loom::TypeInfo const t{
-      "Sentrel::MeasuredBootVersionSm",
-      {Loom::attr("entityManager", &S::entityManager), Loom::attr("measuredBootVersion", &S::measuredBootVersion),
-       Loom::attr("initialized", &S::initialized, &S::initializedIs)},
-      {Loom::op("readVexoMeasuredBootVersion", &S::readVexoMeasuredBootVersion),
-       Loom::op("readTarnMeasuredBootVersion", &S::readTarnMeasuredBootVersion),
-       Loom::op("handleInitialized", &S::handleInitialized)},
-      nullptr};
-   return t;
-}
-
-Ptr<MeasuredBootVersionSm> MeasuredBootVersionSm::MeasuredBootVersionSmIs(
-   Ptr<Ledger::EntityManager> const &entityManager, Ptr<MeasuredBootVersion> const &measuredBootVersion) {
-   return Loom::stateMachineNew<MeasuredBootVersionSm>(entityManager, measuredBootVersion);
-}
 
 MeasuredBootVersionSm::MeasuredBootVersionSm(Ptr<Ledger::EntityManager> const &entityManager,
                                              Ptr<MeasuredBootVersion> const &measuredBootVersion)
@@ -37,8 +22,6 @@ MeasuredBootVersionSm::MeasuredBootVersionSm(Ptr<Ledger::EntityManager> const &e
          [this](unsigned attr) { measuredBootVersionDispatch(attr); }) {
    handleInitialized();
 }
-
-MeasuredBootVersionSm::~MeasuredBootVersionSm() = default;
 
 void MeasuredBootVersionSm::measuredBootVersionDispatch(unsigned attr) {
    if (attr == MeasuredBootVersion::Attr::vexoVersionFilePath) {

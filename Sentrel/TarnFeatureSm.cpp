@@ -13,32 +13,12 @@
 #include "Sentrel/SentrelTrace.h"
 #include "Sentrel/platform/Sysroot.h"
 
+#define SENTREL_TARN_FEATURE_SM_OPS(X)                                                  \
+   X(getRevisionFromFeaturesFile) X(populateSbOutdatedFromSbVersion) X(getRunningTarnVersion) \
+   X(checkTarnDeprecation) X(checkPcrMultibankSupported) X(checkMeasuredbootSupported) X(handleInitialized)
+LOOM_STATE_MACHINE_DEFINE(Sentrel, TarnFeatureSm, SENTREL_TARN_FEATURE_SM_ARGS, SENTREL_TARN_FEATURE_SM_OPS)
+
 namespace Sentrel {
-
-Loom::AllocationTracker TarnFeatureSm::memAllocationTracker_{"Sentrel::TarnFeatureSm"};
-
-Loom::TypeInfo const &TarnFeatureSm::typeInfo() {
-   using S = TarnFeatureSm;
-   static Loom::TypeInfo const t{
-      "Sentrel::TarnFeatureSm",
-      {Loom::attr("entityManager", &S::entityManager), Loom::attr("tarnFeatureStatus", &S::tarnFeatureStatus),
-       Loom::attr("sbStatus", &S::sbStatus), Loom::attr("initialized", &S::initialized, &S::initializedIs)},
-      {Loom::op("getRevisionFromFeaturesFile", &S::getRevisionFromFeaturesFile),
-       Loom::op("populateSbOutdatedFromSbVersion", &S::populateSbOutdatedFromSbVersion),
-       Loom::op("getRunningTarnVersion", &S::getRunningTarnVersion),
-       Loom::op("checkTarnDeprecation", &S::checkTarnDeprecation),
-       Loom::op("checkPcrMultibankSupported", &S::checkPcrMultibankSupported),
-       Loom::op("checkMeasuredbootSupported", &S::checkMeasuredbootSupported),
-       Loom::op("handleInitialized", &S::handleInitialized)},
-      nullptr};
-   return t;
-}
-
-Ptr<TarnFeatureSm> TarnFeatureSm::TarnFeatureSmIs(Ptr<Ledger::EntityManager> const &entityManager,
-                                                  Ptr<Tarn::Features::Status> const &tarnFeatureStatus,
-                                                  Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
-   return Loom::stateMachineNew<TarnFeatureSm>(entityManager, tarnFeatureStatus, sbStatus);
-}
 
 TarnFeatureSm::TarnFeatureSm(Ptr<Ledger::EntityManager> const &entityManager,
                              Ptr<Tarn::Features::Status> const &tarnFeatureStatus,
@@ -50,8 +30,6 @@ TarnFeatureSm::TarnFeatureSm(Ptr<Ledger::EntityManager> const &entityManager,
                         [this](unsigned) { sbStatusDispatch(); }) {
    handleInitialized();
 }
-
-TarnFeatureSm::~TarnFeatureSm() = default;
 
 void TarnFeatureSm::sbStatusDispatch() {
    // The revisions read at start-up stand; only the checks gated by

@@ -2,7 +2,6 @@
 
 #include <optional>
 #include <string>
-#include <tuple>
 
 #include "Sentrel/platform/Ledger.h"
 #include "Sentrel/platform/StateMachine.h"
@@ -11,44 +10,28 @@
 
 namespace Sentrel {
 
+#define SENTREL_TARN_FEATURE_SM_ARGS(X)          \
+   X(Ledger::EntityManager, entityManager)       \
+   X(Tarn::Features::Status, tarnFeatureStatus)  \
+   X(Tarn::Secureboot::Status const, sbStatus)
+
 // Reads the bootloader's features file, derives secure boot outdated, PCR
 // multibank and measured boot support, and warns of bootloader deprecation.
 class TarnFeatureSm : public Loom::StateMachine {
+   LOOM_STATE_MACHINE(TarnFeatureSm, SENTREL_TARN_FEATURE_SM_ARGS)
+
  public:
-   static Loom::AllocationTracker memAllocationTracker_;
-   static Loom::TypeInfo const &typeInfo();
-   Loom::TypeInfo const &typeData() const override { return typeInfo(); }
-
-   static Ptr<TarnFeatureSm> TarnFeatureSmIs(Ptr<Ledger::EntityManager> const &entityManager,
-                                             Ptr<Tarn::Features::Status> const &tarnFeatureStatus,
-                                             Ptr<Tarn::Secureboot::Status const> const &sbStatus);
-   TarnFeatureSm(Ptr<Ledger::EntityManager> const &entityManager,
-                 Ptr<Tarn::Features::Status> const &tarnFeatureStatus,
-                 Ptr<Tarn::Secureboot::Status const> const &sbStatus);
-
-   Ptr<Ledger::EntityManager> const &entityManager() const { return entityManager_; }
-   Ptr<Tarn::Features::Status> const &tarnFeatureStatus() const { return tarnFeatureStatus_; }
-   Ptr<Tarn::Secureboot::Status const> const &sbStatus() const { return sbStatus_; }
    void getRevisionFromFeaturesFile();
    void populateSbOutdatedFromSbVersion();
    Loom::String getRunningTarnVersion();
    void checkTarnDeprecation();
    void checkPcrMultibankSupported();
    void checkMeasuredbootSupported();
-   // What it was built on, compared by identity when the agent asks again.
-   auto constructorArgs() const { return std::tie(entityManager_, tarnFeatureStatus_, sbStatus_); }
    void handleInitialized();
-
- protected:
-   ~TarnFeatureSm() override;
 
  private:
    void sbStatusDispatch();
 
-   Loom::TrackedBy tracked_{memAllocationTracker_};
-   Ptr<Ledger::EntityManager> entityManager_;
-   Ptr<Tarn::Features::Status> tarnFeatureStatus_;
-   Ptr<Tarn::Secureboot::Status const> sbStatus_;
    Loom::Reactor sbStatusDispatch_;
 };
 
