@@ -55,7 +55,7 @@ Reactor::Reactor(Node &owner, Entity const *entity, Handler handler)
    owner_.reactors_.push_back(this);
 }
 
-Reactor::Reactor(Node &owner, Entity const *entity, std::initializer_list<unsigned> attrs, Handler handler)
+Reactor::Reactor(Node &owner, Entity const *entity, std::vector<unsigned> const &attrs, Handler handler)
     : Reactor(owner, entity, std::move(handler)) {
    attrs_ = 0;
    for (unsigned a : attrs) {

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <initializer_list>
 #include <map>
 #include <stdexcept>
 #include <vector>
@@ -66,7 +65,7 @@ class LOOM_API Reactor {
  public:
    using Handler = std::function<void(unsigned attr)>;
    Reactor(Node &owner, Entity const *entity, Handler handler);
-   Reactor(Node &owner, Entity const *entity, std::initializer_list<unsigned> attrs, Handler handler);
+   Reactor(Node &owner, Entity const *entity, std::vector<unsigned> const &attrs, Handler handler);
    Reactor(Reactor const &) = delete;
    Reactor &operator=(Reactor const &) = delete;
    ~Reactor();
