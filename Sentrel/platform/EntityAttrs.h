@@ -43,7 +43,7 @@ using Pass = std::conditional_t<std::is_scalar_v<T>, T, T const &>;
 #define LOOM_ENTITY(E, LIST)                                                   \
  public:                                                                       \
    struct Attr {                                                               \
-      enum : unsigned { LIST(LOOM_ATTR_ENUM_) };                               \
+      enum Number : unsigned { LIST(LOOM_ATTR_ENUM_) };                        \
    };                                                                          \
    static ::Loom::AllocationTracker memAllocationTracker_;                     \
    static ::Loom::TypeInfo const &typeInfo();                                  \
