@@ -7,6 +7,10 @@
 #include "Sentrel/SentrelTrace.h"
 #include "Sentrel/platform/Reason.h"
 
+#define SENTREL_CHECK_CONFIGURATION_STATUS_SM_OPS(X) X(checkConfigurationStatus) X(handleInitialized)
+LOOM_STATE_MACHINE_DEFINE(Sentrel, CheckConfigurationStatusSm, SENTREL_CHECK_CONFIGURATION_STATUS_SM_ARGS,
+                          SENTREL_CHECK_CONFIGURATION_STATUS_SM_OPS)
+
 namespace Sentrel {
 
 namespace {
@@ -16,31 +20,6 @@ constexpr std::uint16_t measuredBootEnabledBit = Tarn::Secureboot::Status::measu
 
 }  // namespace
 
-Loom::AllocationTracker CheckConfigurationStatusSm::memAllocationTracker_{
-   "Sentrel::CheckConfigurationStatusSm"};
-
-Loom::TypeInfo const &CheckConfigurationStatusSm::typeInfo() {
-   using S = CheckConfigurationStatusSm;
-   static Loom::TypeInfo const t{
-      "Sentrel::CheckConfigurationStatusSm",
-      {Loom::attr("entityManager", &S::entityManager),
-       Loom::attr("defaultSentrelStatus", &S::defaultSentrelStatus), Loom::attr("sbStatus", &S::sbStatus),
-       Loom::attr("initialized", &S::initialized, &S::initializedIs)},
-      {Loom::op("checkConfigurationStatus", &S::checkConfigurationStatus),
-       Loom::op("handleInitialized", &S::handleInitialized)},
-      nullptr};
-   return t;
-}
-
-Ptr<CheckConfigurationStatusSm> CheckConfigurationStatusSm::CheckConfigurationStatusSmIs(
-   Ptr<Ledger::EntityManager> const &entityManager,
-   Ptr<Hardware::Sentrel::Config const> const &defaultSentrelStatus,
-   Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
-   auto sm = Loom::make<CheckConfigurationStatusSm>(entityManager, defaultSentrelStatus, sbStatus);
-   sm->hasNotificationActiveIs(true);
-   return sm;
-}
-
 CheckConfigurationStatusSm::CheckConfigurationStatusSm(
    Ptr<Ledger::EntityManager> const &entityManager,
    Ptr<Hardware::Sentrel::Config const> const &defaultSentrelStatus,
@@ -48,28 +27,18 @@ CheckConfigurationStatusSm::CheckConfigurationStatusSm(
     : entityManager_(entityManager),
       defaultSentrelStatus_(defaultSentrelStatus),
       sbStatus_(sbStatus),
-      defaultSentrelStatusReactor_(*this, defaultSentrelStatus.ptr(),
-                                   [this](unsigned attr) { handleDefaultSentrelStatusConfigReady(attr); }),
-      sbStatusReactor_(*this, sbStatus.ptr(), [this](unsigned attr) { handleSbStatusReady(attr); }) {
-   defaultSentrelStatusReactor_.subscribe();
-   sbStatusReactor_.subscribe();
+      defaultSentrelStatusReactor_(*this, defaultSentrelStatus.ptr(), {Hardware::Sentrel::Config::Attr::configReady},
+                                   [this](unsigned) { handleDefaultSentrelStatusConfigReady(); }),
+      sbStatusReactor_(*this, sbStatus.ptr(), {Tarn::Secureboot::Status::Attr::ready},
+                       [this](unsigned) { handleSbStatusReady(); }) {
    if (toggleSentrelMfgExpectedConfigCheckEnabled()) handleInitialized();
 }
 
-CheckConfigurationStatusSm::~CheckConfigurationStatusSm() {
-   hasNotificationActiveIs(false);
-   defaultSentrelStatusReactor_.unsubscribe();
-   sbStatusReactor_.unsubscribe();
-   loomDoZombieReactors(true);
-}
-
-void CheckConfigurationStatusSm::handleDefaultSentrelStatusConfigReady(unsigned attr) {
-   if (zombie() || attr != Hardware::Sentrel::Config::Attr::configReady) return;
+void CheckConfigurationStatusSm::handleDefaultSentrelStatusConfigReady() {
    if (toggleSentrelMfgExpectedConfigCheckEnabled()) checkConfigurationStatus();
 }
 
-void CheckConfigurationStatusSm::handleSbStatusReady(unsigned attr) {
-   if (zombie() || attr != Tarn::Secureboot::Status::Attr::ready) return;
+void CheckConfigurationStatusSm::handleSbStatusReady() {
    if (toggleSentrelMfgExpectedConfigCheckEnabled()) checkConfigurationStatus();
 }
 

@@ -14,6 +14,11 @@
 #include "Sentrel/platform/Sysroot.h"
 #include "Sentrel/platform/SystemFile.h"
 
+#define SENTREL_FIRST_INSTRUCTION_SECURITY_SM_OPS(X) \
+   X(getCpuVendorId) X(getBootGuardStatus) X(getPsbStatus) X(handleInitialized)
+LOOM_STATE_MACHINE_DEFINE(Sentrel, FirstInstructionSecuritySm, SENTREL_FIRST_INSTRUCTION_SECURITY_SM_ARGS,
+                          SENTREL_FIRST_INSTRUCTION_SECURITY_SM_OPS)
+
 namespace Sentrel {
 
 namespace {
@@ -73,36 +78,11 @@ std::optional<String> searchVendorId(String const &output) {
    return output.substr(begin, end - begin);
 }
 
-Loom::AllocationTracker FirstInstructionSecuritySm::memAllocationTracker_{
-   "Sentrel::FirstInstructionSecuritySm"};
-
-Loom::TypeInfo const &FirstInstructionSecuritySm::typeInfo() {
-   using S = FirstInstructionSecuritySm;
-   static Loom::TypeInfo const t{
-      "Sentrel::FirstInstructionSecuritySm",
-      {Loom::attr("entityManager", &S::entityManager),
-       Loom::attr("firstInstructionSecurity", &S::firstInstructionSecurity),
-       Loom::attr("initialized", &S::initialized, &S::initializedIs)},
-      {Loom::op("getCpuVendorId", &S::getCpuVendorId), Loom::op("getBootGuardStatus", &S::getBootGuardStatus),
-       Loom::op("getPsbStatus", &S::getPsbStatus), Loom::op("handleInitialized", &S::handleInitialized)},
-      nullptr};
-   return t;
-}
-
-Ptr<FirstInstructionSecuritySm> FirstInstructionSecuritySm::FirstInstructionSecuritySmIs(
-   Ptr<Ledger::EntityManager> const &entityManager, Ptr<FirstInstructionSecurity> const &firstInstructionSecurity) {
-   auto sm = Loom::make<FirstInstructionSecuritySm>(entityManager, firstInstructionSecurity);
-   sm->hasNotificationActiveIs(true);
-   return sm;
-}
-
 FirstInstructionSecuritySm::FirstInstructionSecuritySm(
    Ptr<Ledger::EntityManager> const &entityManager, Ptr<FirstInstructionSecurity> const &firstInstructionSecurity)
     : entityManager_(entityManager), firstInstructionSecurity_(firstInstructionSecurity) {
    handleInitialized();
 }
-
-FirstInstructionSecuritySm::~FirstInstructionSecuritySm() { hasNotificationActiveIs(false); }
 
 void FirstInstructionSecuritySm::handleInitialized() {
    TRACE7("void Sentrel::FirstInstructionSecuritySm::handleInitialized()");

@@ -1,19 +1,11 @@
 #include "Sentrel/IntegritySm.h"
 
+LOOM_ENTITY_DEFINE(Sentrel, IntegrityKeyringRequestColl, SENTREL_INTEGRITY_REQUEST_ATTRS)
+LOOM_ENTITY_DEFINE(Sentrel, IntegrityKeyringRequestStatusColl, SENTREL_INTEGRITY_REQUEST_ATTRS)
+
 namespace Sentrel {
 
-Loom::TypeInfo const &IntegrityKeyringRequestColl::typeInfo() {
-   static Loom::TypeInfo const t{"Sentrel::IntegrityKeyringRequestColl", {}, {}, nullptr};
-   return t;
-}
-IntegrityKeyringRequestColl::~IntegrityKeyringRequestColl() = default;
-
-Loom::TypeInfo const &IntegrityKeyringRequestStatusColl::typeInfo() {
-   static Loom::TypeInfo const t{"Sentrel::IntegrityKeyringRequestStatusColl", {}, {}, nullptr};
-   return t;
-}
-IntegrityKeyringRequestStatusColl::~IntegrityKeyringRequestStatusColl() = default;
-
+// The stand-ins describe nothing of themselves.
 Loom::AllocationTracker IntegrityKeyringSm::memAllocationTracker_{"Sentrel::IntegrityKeyringSm"};
 
 Loom::TypeInfo const &IntegrityKeyringSm::typeInfo() {
@@ -21,13 +13,10 @@ Loom::TypeInfo const &IntegrityKeyringSm::typeInfo() {
    return t;
 }
 
-Ptr<IntegrityKeyringSm> IntegrityKeyringSm::IntegrityKeyringSmIs(Ptr<IntegrityKeyringColl> const &coll) {
-   auto sm = Loom::make<IntegrityKeyringSm>(coll);
-   sm->hasNotificationActiveIs(true);
-   return sm;
-}
+IntegrityKeyringSm::IntegrityKeyringSm(Ptr<IntegrityKeyringColl> const &integrityKeyringColl)
+    : integrityKeyringColl_(integrityKeyringColl) {}
 
-IntegrityKeyringSm::~IntegrityKeyringSm() { hasNotificationActiveIs(false); }
+IntegrityKeyringSm::~IntegrityKeyringSm() = default;
 
 Loom::AllocationTracker IntegritySyslogSm::memAllocationTracker_{"Sentrel::IntegritySyslogSm"};
 
@@ -36,12 +25,8 @@ Loom::TypeInfo const &IntegritySyslogSm::typeInfo() {
    return t;
 }
 
-Ptr<IntegritySyslogSm> IntegritySyslogSm::IntegritySyslogSmIs() {
-   auto sm = Loom::make<IntegritySyslogSm>();
-   sm->hasNotificationActiveIs(true);
-   return sm;
-}
+IntegritySyslogSm::IntegritySyslogSm() = default;
 
-IntegritySyslogSm::~IntegritySyslogSm() { hasNotificationActiveIs(false); }
+IntegritySyslogSm::~IntegritySyslogSm() = default;
 
 }  // namespace Sentrel

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <tuple>
-
+#include "Sentrel/platform/EntityAttrs.h"
 #include "Sentrel/platform/Ledger.h"
+#include "Sentrel/platform/StateMachine.h"
 #include "Sentrel/types/IntegrityKeyringColl.h"
 
 namespace Sentrel {
@@ -10,57 +10,26 @@ namespace Sentrel {
 // Stand-ins for the state machines and request collections of the integrity
 // sibling libraries: they accept the creator calls and the notification
 // switch, and do nothing else.
-class IntegrityKeyringRequestColl : public Loom::Entity {
- public:
-   static Loom::TypeInfo const &typeInfo();
-   Loom::TypeInfo const &typeData() const override { return typeInfo(); }
+#define SENTREL_INTEGRITY_REQUEST_ATTRS(X)
 
- protected:
-   ~IntegrityKeyringRequestColl() override;
+class IntegrityKeyringRequestColl : public Loom::Entity {
+   LOOM_ENTITY(IntegrityKeyringRequestColl, SENTREL_INTEGRITY_REQUEST_ATTRS)
 };
 
 class IntegrityKeyringRequestStatusColl : public Loom::Entity {
- public:
-   static Loom::TypeInfo const &typeInfo();
-   Loom::TypeInfo const &typeData() const override { return typeInfo(); }
-
- protected:
-   ~IntegrityKeyringRequestStatusColl() override;
+   LOOM_ENTITY(IntegrityKeyringRequestStatusColl, SENTREL_INTEGRITY_REQUEST_ATTRS)
 };
 
-class IntegrityKeyringSm : public Loom::Node {
- public:
-   static Loom::AllocationTracker memAllocationTracker_;
-   static Loom::TypeInfo const &typeInfo();
-   Loom::TypeInfo const &typeData() const override { return typeInfo(); }
+#define SENTREL_INTEGRITY_KEYRING_SM_ARGS(X) X(IntegrityKeyringColl, integrityKeyringColl)
 
-   static Ptr<IntegrityKeyringSm> IntegrityKeyringSmIs(Ptr<IntegrityKeyringColl> const &coll);
-   explicit IntegrityKeyringSm(Ptr<IntegrityKeyringColl> const &coll) : coll_(coll) {}
-   Ptr<IntegrityKeyringColl> const &integrityKeyringColl() const { return coll_; }
-   auto constructorArgs() const { return std::tie(coll_); }
-
- protected:
-   ~IntegrityKeyringSm() override;
-
- private:
-   Loom::TrackedBy tracked_{memAllocationTracker_};
-   Ptr<IntegrityKeyringColl> coll_;
+class IntegrityKeyringSm : public Loom::StateMachine {
+   LOOM_STATE_MACHINE(IntegrityKeyringSm, SENTREL_INTEGRITY_KEYRING_SM_ARGS)
 };
 
-class IntegritySyslogSm : public Loom::Node {
- public:
-   static Loom::AllocationTracker memAllocationTracker_;
-   static Loom::TypeInfo const &typeInfo();
-   Loom::TypeInfo const &typeData() const override { return typeInfo(); }
+#define SENTREL_INTEGRITY_SYSLOG_SM_ARGS(X)
 
-   static Ptr<IntegritySyslogSm> IntegritySyslogSmIs();
-   auto constructorArgs() const { return std::tuple<>(); }
-
- protected:
-   ~IntegritySyslogSm() override;
-
- private:
-   Loom::TrackedBy tracked_{memAllocationTracker_};
+class IntegritySyslogSm : public Loom::StateMachine {
+   LOOM_STATE_MACHINE(IntegritySyslogSm, SENTREL_INTEGRITY_SYSLOG_SM_ARGS)
 };
 
 }  // namespace Sentrel

@@ -7,50 +7,28 @@
 #include "Sentrel/SentrelTrace.h"
 #include "Sentrel/platform/Reason.h"
 
+#define SENTREL_MEASURED_BOOT_VERSION_SM_OPS(X) \
+   X(readVexoMeasuredBootVersion) X(readTarnMeasuredBootVersion) X(handleInitialized)
+LOOM_STATE_MACHINE_DEFINE(Sentrel, MeasuredBootVersionSm, SENTREL_MEASURED_BOOT_VERSION_SM_ARGS,
+                          SENTREL_MEASURED_BOOT_VERSION_SM_OPS)
+
 namespace Sentrel {
-
-Loom::AllocationTracker MeasuredBootVersionSm::memAllocationTracker_{"Sentrel::MeasuredBootVersionSm"};
-
-Loom::TypeInfo const &MeasuredBootVersionSm::typeInfo() {
-   using S = MeasuredBootVersionSm;
-   static Loom::TypeInfo const t{
-      "Sentrel::MeasuredBootVersionSm",
-      {Loom::attr("entityManager", &S::entityManager), Loom::attr("measuredBootVersion", &S::measuredBootVersion),
-       Loom::attr("initialized", &S::initialized, &S::initializedIs)},
-      {Loom::op("readVexoMeasuredBootVersion", &S::readVexoMeasuredBootVersion),
-       Loom::op("readTarnMeasuredBootVersion", &S::readTarnMeasuredBootVersion),
-       Loom::op("handleInitialized", &S::handleInitialized)},
-      nullptr};
-   return t;
-}
-
-Ptr<MeasuredBootVersionSm> MeasuredBootVersionSm::MeasuredBootVersionSmIs(
-   Ptr<Ledger::EntityManager> const &entityManager, Ptr<MeasuredBootVersion> const &measuredBootVersion) {
-   auto sm = Loom::make<MeasuredBootVersionSm>(entityManager, measuredBootVersion);
-   sm->hasNotificationActiveIs(true);
-   return sm;
-}
 
 MeasuredBootVersionSm::MeasuredBootVersionSm(Ptr<Ledger::EntityManager> const &entityManager,
                                              Ptr<MeasuredBootVersion> const &measuredBootVersion)
     : entityManager_(entityManager),
       measuredBootVersion_(measuredBootVersion),
-      measuredBootVersionReactor_(*this, measuredBootVersion.ptr(),
-                                  [this](unsigned attr) { measuredBootVersionDispatch(attr); }) {
-   measuredBootVersionReactor_.subscribe();
+      measuredBootVersionReactor_(
+         *this, measuredBootVersion.ptr(),
+         {MeasuredBootVersion::Attr::vexoVersionFilePath, MeasuredBootVersion::Attr::tarnVersionFilePath},
+         [this](unsigned attr) { measuredBootVersionDispatch(attr); }) {
    handleInitialized();
 }
 
-MeasuredBootVersionSm::~MeasuredBootVersionSm() {
-   hasNotificationActiveIs(false);
-   loomDoZombieReactors(true);
-}
-
 void MeasuredBootVersionSm::measuredBootVersionDispatch(unsigned attr) {
-   if (zombie()) return;
    if (attr == MeasuredBootVersion::Attr::vexoVersionFilePath) {
       readVexoMeasuredBootVersion();
-   } else if (attr == MeasuredBootVersion::Attr::tarnVersionFilePath) {
+   } else {
       readTarnMeasuredBootVersion();
    }
 }

@@ -1,11 +1,11 @@
 #include "Sentrel/SentrelAgent.h"
 
-#include <cassert>
-#include <tuple>
+#include <type_traits>
 
 #include "Sentrel/LogCatalogue.h"
 #include "Sentrel/PlatformHelpers.h"
 #include "Sentrel/SentrelTrace.h"
+#include "Sentrel/types/StateTree.h"
 
 namespace Sentrel {
 
@@ -38,43 +38,11 @@ Loom::TraceHandle const &traceHandle() {
 
 namespace {
 
-// The mounts, in the order doInit declares them.
-struct MountRow {
-   char const *path;
-   char const *type;
-   char const *mode;
-};
-constexpr MountRow kMounts[] = {
-   {"sentrel/measuredBootVersion", "Sentrel::MeasuredBootVersion", "w"},
-   {"sentrel/firstInstructionSecurity", "Sentrel::FirstInstructionSecurity", "w"},
-   {"tarn/features/status", "Tarn::Features::Status", "w"},
-   {"tarn/sb/status", "Tarn::Secureboot::Status", "r"},
-   {"tarn/pcrConfig/status", "Tarn::PcrConfig::Status", "w"},
-   {"hardware/sentrel/config", "Loom::Dir", "r"},
-   {"sentrel/integrity/key/keyringColl", "Sentrel::IntegrityKeyringColl", "w"},
-};
-
-// The xSmIs pattern: keep the machine built on the very same objects,
-// otherwise build a new one in its place and switch its notifications on.
-template <class Sm, class Creator, class... Args>
-Ptr<Sm> smIs(Ptr<Sm> &slot, Creator create, Args const &...args) {
-   if (slot && slot->constructorArgs() == std::tie(args...)) return slot;
-   slot = create(args...);
-   slot->hasNotificationActiveIs(true);
-   return slot;
-}
-
-template <class Sm>
-Ptr<Sm> smDel(Ptr<Sm> &slot) {
-   Ptr<Sm> sm = std::move(slot);
-   slot = nullptr;
-   if (sm) sm->hasNotificationActiveIs(false);
-   return sm;
-}
-
+// The mounted entity of type T, or null when it is absent or of another type.
 template <class T>
-Ptr<T> lookupAs(Ledger::EntityManager const &em, char const *path) {
-   return Loom::ptrCast<T>(em.lookup(Ledger::Cell::path(path, 0)));
+Ptr<T> lookupAs(Ledger::EntityManager const &em) {
+   auto const *entry = stateTreeEntryOfType(std::remove_const_t<T>::typeInfo().name);
+   return entry ? Loom::ptrCast<T>(em.lookup(Ledger::Cell::path(entry->path, 0))) : nullptr;
 }
 
 }  // namespace
@@ -82,26 +50,13 @@ Ptr<T> lookupAs(Ledger::EntityManager const &em, char const *path) {
 Loom::AllocationTracker Agent::memAllocationTracker_{"Sentrel::Agent"};
 
 Loom::TypeInfo const &Agent::typeInfo() {
-   using A = Agent;
-   static Loom::TypeInfo const t{
-      "Sentrel::Agent",
-      {Loom::attr("measuredBootVersion", &A::measuredBootVersion),
-       Loom::attr("measuredBootVersionSm", &A::measuredBootVersionSm),
-       Loom::attr("tarnFeatureStatus", &A::tarnFeatureStatus), Loom::attr("sbStatus", &A::sbStatus),
-       Loom::attr("tarnFeatureSm", &A::tarnFeatureSm),
-       Loom::attr("tarnPcrConfigStatus", &A::tarnPcrConfigStatus),
-       Loom::attr("tarnPcrConfigStatusSm", &A::tarnPcrConfigStatusSm),
-       Loom::attr("firstInstructionSecurity", &A::firstInstructionSecurity),
-       Loom::attr("firstInstructionSecuritySm", &A::firstInstructionSecuritySm),
-       Loom::attr("defaultSentrelStatus", &A::defaultSentrelStatus),
-       Loom::attr("checkConfigurationStatusSm", &A::checkConfigurationStatusSm),
-       Loom::attr("integrityKeyringRequestColl", &A::integrityKeyringRequestColl),
-       Loom::attr("integrityKeyringRequestStatusColl", &A::integrityKeyringRequestStatusColl),
-       Loom::attr("integrityKeyringColl", &A::integrityKeyringColl),
-       Loom::attr("integrityKeyringSm", &A::integrityKeyringSm),
-       Loom::attr("integritySyslogSm", &A::integritySyslogSm)},
-      {},
-      nullptr};
+#define SENTREL_AGENT_SETTABLE_(T, name) Loom::attr(#name, &Agent::name, &Agent::name##Is),
+#define SENTREL_AGENT_READABLE_(T, name) Loom::attr(#name, &Agent::name),
+   static Loom::TypeInfo const t{"Sentrel::Agent",
+                                 {SENTREL_AGENT_ATTRS(SENTREL_AGENT_SETTABLE_, SENTREL_AGENT_READABLE_)},
+                                 {},
+                                 nullptr,
+                                 [](Loom::String const &name) { return Ptr<Loom::Object>(AgentIs(name)); }};
    return t;
 }
 
@@ -126,14 +81,7 @@ Agent::~Agent() {
 void Agent::doInit() {
    TRACE7("virtual void Sentrel::Agent::doInit()");
    auto group = getMountGroup();
-   for (auto const &row : kMounts) {
-      Ledger::Mount m;
-      m.path = Ledger::Cell::path(row.path, 0);
-      m.typeName = row.type;
-      m.flags.clear();
-      m.flags.parse(row.mode);
-      group->doMount(m);
-   }
+   for (auto const &entry : stateTreeMounts()) group->doMount(stateTreeMount(entry));
    group->doClose(false, "", std::chrono::nanoseconds(0));
 }
 
@@ -145,13 +93,13 @@ void Agent::doMountsComplete(Ledger::MountStatus mountStatus,
       Loom::assertionFailed("mountStatus == Ledger::mountSuccess_", __FILE__, __LINE__);
    }
    auto const &em = *entityManager;
-   auto dir = lookupAs<Loom::Dir>(em, "hardware/sentrel/config");
-   defaultSentrelStatus_ = dir ? Loom::ptrCast<Hardware::Sentrel::Config const>(dir->entity("sentrel")) : nullptr;
-   measuredBootVersion_ = lookupAs<MeasuredBootVersion>(em, "sentrel/measuredBootVersion");
-   firstInstructionSecurity_ = lookupAs<FirstInstructionSecurity>(em, "sentrel/firstInstructionSecurity");
-   tarnFeatureStatus_ = lookupAs<Tarn::Features::Status>(em, "tarn/features/status");
-   sbStatus_ = lookupAs<Tarn::Secureboot::Status const>(em, "tarn/sb/status");
-   tarnPcrConfigStatus_ = lookupAs<Tarn::PcrConfig::Status>(em, "tarn/pcrConfig/status");
+   // The defaults are the entity "sentrel" of the directory mounted for them.
+   defaultSentrelStatus_ = lookupAs<Hardware::Sentrel::Config const>(em);
+   measuredBootVersion_ = lookupAs<MeasuredBootVersion>(em);
+   firstInstructionSecurity_ = lookupAs<FirstInstructionSecurity>(em);
+   tarnFeatureStatus_ = lookupAs<Tarn::Features::Status>(em);
+   sbStatus_ = lookupAs<Tarn::Secureboot::Status const>(em);
+   tarnPcrConfigStatus_ = lookupAs<Tarn::PcrConfig::Status>(em);
 
    measuredBootVersionSmIs(entityManager, measuredBootVersion_);
    firstInstructionSecuritySmIs(entityManager, firstInstructionSecurity_);
@@ -159,63 +107,11 @@ void Agent::doMountsComplete(Ledger::MountStatus mountStatus,
    tarnPcrConfigStatusSmIs(entityManager, tarnPcrConfigStatus_, sbStatus_);
    checkConfigurationStatusSmIs(entityManager, defaultSentrelStatus_, sbStatus_);
 
-   integrityKeyringColl_ = lookupAs<IntegrityKeyringColl>(em, "sentrel/integrity/key/keyringColl");
+   integrityKeyringColl_ = lookupAs<IntegrityKeyringColl>(em);
    if (toggleSentrelImaEnabled()) {
       integrityKeyringSmIs(integrityKeyringColl_);
       integritySyslogSmIs();
    }
 }
-
-Ptr<MeasuredBootVersionSm> Agent::measuredBootVersionSmIs(Ptr<Ledger::EntityManager> const &entityManager,
-                                                          Ptr<MeasuredBootVersion> const &measuredBootVersion) {
-   return smIs(measuredBootVersionSm_, &MeasuredBootVersionSm::MeasuredBootVersionSmIs, entityManager,
-               measuredBootVersion);
-}
-Ptr<MeasuredBootVersionSm> Agent::measuredBootVersionSmDel() { return smDel(measuredBootVersionSm_); }
-
-Ptr<TarnFeatureSm> Agent::tarnFeatureSmIs(Ptr<Ledger::EntityManager> const &entityManager,
-                                          Ptr<Tarn::Features::Status> const &tarnFeatureStatus,
-                                          Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
-   return smIs(tarnFeatureSm_, &TarnFeatureSm::TarnFeatureSmIs, entityManager, tarnFeatureStatus, sbStatus);
-}
-Ptr<TarnFeatureSm> Agent::tarnFeatureSmDel() { return smDel(tarnFeatureSm_); }
-
-Ptr<TarnPcrConfigStatusSm> Agent::tarnPcrConfigStatusSmIs(
-   Ptr<Ledger::EntityManager> const &entityManager, Ptr<Tarn::PcrConfig::Status> const &tarnPcrConfigStatus,
-   Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
-   return smIs(tarnPcrConfigStatusSm_, &TarnPcrConfigStatusSm::TarnPcrConfigStatusSmIs, entityManager,
-               tarnPcrConfigStatus, sbStatus);
-}
-Ptr<TarnPcrConfigStatusSm> Agent::tarnPcrConfigStatusSmDel() { return smDel(tarnPcrConfigStatusSm_); }
-
-Ptr<FirstInstructionSecuritySm> Agent::firstInstructionSecuritySmIs(
-   Ptr<Ledger::EntityManager> const &entityManager, Ptr<FirstInstructionSecurity> const &firstInstructionSecurity) {
-   return smIs(firstInstructionSecuritySm_, &FirstInstructionSecuritySm::FirstInstructionSecuritySmIs,
-               entityManager, firstInstructionSecurity);
-}
-Ptr<FirstInstructionSecuritySm> Agent::firstInstructionSecuritySmDel() {
-   return smDel(firstInstructionSecuritySm_);
-}
-
-Ptr<CheckConfigurationStatusSm> Agent::checkConfigurationStatusSmIs(
-   Ptr<Ledger::EntityManager> const &entityManager,
-   Ptr<Hardware::Sentrel::Config const> const &defaultSentrelStatus,
-   Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
-   return smIs(checkConfigurationStatusSm_, &CheckConfigurationStatusSm::CheckConfigurationStatusSmIs,
-               entityManager, defaultSentrelStatus, sbStatus);
-}
-Ptr<CheckConfigurationStatusSm> Agent::checkConfigurationStatusSmDel() {
-   return smDel(checkConfigurationStatusSm_);
-}
-
-Ptr<IntegrityKeyringSm> Agent::integrityKeyringSmIs(Ptr<IntegrityKeyringColl> const &coll) {
-   return smIs(integrityKeyringSm_, &IntegrityKeyringSm::IntegrityKeyringSmIs, coll);
-}
-Ptr<IntegrityKeyringSm> Agent::integrityKeyringSmDel() { return smDel(integrityKeyringSm_); }
-
-Ptr<IntegritySyslogSm> Agent::integritySyslogSmIs() {
-   return smIs(integritySyslogSm_, &IntegritySyslogSm::IntegritySyslogSmIs);
-}
-Ptr<IntegritySyslogSm> Agent::integritySyslogSmDel() { return smDel(integritySyslogSm_); }
 
 }  // namespace Sentrel

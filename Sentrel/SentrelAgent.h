@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tuple>
+
 #include "Sentrel/CheckConfigurationStatusSm.h"
 #include "Sentrel/FirstInstructionSecuritySm.h"
 #include "Sentrel/IntegritySm.h"
@@ -10,6 +12,34 @@
 #include "Sentrel/types/HardwareSentrelConfig.h"
 
 namespace Sentrel {
+
+// The agent's attributes in declared order, which is their order in the type
+// description; destruction releases them in reverse. REF: an entity, also
+// settable from outside; SM: a state machine, made by xSmIs, taken by xSmDel.
+#define SENTREL_AGENT_ATTRS(REF, SM)                                              \
+   REF(MeasuredBootVersion, measuredBootVersion)                                  \
+   SM(MeasuredBootVersionSm, measuredBootVersionSm)                               \
+   REF(Tarn::Features::Status, tarnFeatureStatus)                                 \
+   REF(Tarn::Secureboot::Status const, sbStatus)                                  \
+   SM(TarnFeatureSm, tarnFeatureSm)                                               \
+   REF(Tarn::PcrConfig::Status, tarnPcrConfigStatus)                              \
+   SM(TarnPcrConfigStatusSm, tarnPcrConfigStatusSm)                               \
+   REF(FirstInstructionSecurity, firstInstructionSecurity)                        \
+   SM(FirstInstructionSecuritySm, firstInstructionSecuritySm)                     \
+   REF(Hardware::Sentrel::Config const, defaultSentrelStatus)                     \
+   SM(CheckConfigurationStatusSm, checkConfigurationStatusSm)                     \
+   REF(IntegrityKeyringRequestColl const, integrityKeyringRequestColl)            \
+   REF(IntegrityKeyringRequestStatusColl const, integrityKeyringRequestStatusColl) \
+   REF(IntegrityKeyringColl, integrityKeyringColl)                                \
+   SM(IntegrityKeyringSm, integrityKeyringSm)                                     \
+   SM(IntegritySyslogSm, integritySyslogSm)
+
+#define SENTREL_AGENT_GET_(T, name) \
+   Ptr<T> const &name() const { return name##_; }
+#define SENTREL_AGENT_GET_SET_(T, name) \
+   SENTREL_AGENT_GET_(T, name)          \
+   void name##Is(Ptr<T> const &v) { name##_ = v; }
+#define SENTREL_AGENT_FIELD_(T, name) Ptr<T> name##_;
 
 // The agent: declares its mounts, looks up the mounted entities and creates
 // the state machines that do the work. It owns all of them.
@@ -26,95 +56,81 @@ class Agent : public Loom::CAgent {
    void doMountsComplete(Ledger::MountStatus mountStatus,
                          Ptr<Ledger::EntityManager> const &entityManager) override;
 
-   Ptr<MeasuredBootVersion> const &measuredBootVersion() const { return measuredBootVersion_; }
-   void measuredBootVersionIs(Ptr<MeasuredBootVersion> const &v) { measuredBootVersion_ = v; }
-   Ptr<MeasuredBootVersionSm> const &measuredBootVersionSm() const { return measuredBootVersionSm_; }
-   Ptr<MeasuredBootVersionSm> measuredBootVersionSmIs(Ptr<Ledger::EntityManager> const &entityManager,
-                                                      Ptr<MeasuredBootVersion> const &measuredBootVersion);
-   Ptr<MeasuredBootVersionSm> measuredBootVersionSmDel();
+   SENTREL_AGENT_ATTRS(SENTREL_AGENT_GET_SET_, SENTREL_AGENT_GET_)
 
-   Ptr<Tarn::Features::Status> const &tarnFeatureStatus() const { return tarnFeatureStatus_; }
-   void tarnFeatureStatusIs(Ptr<Tarn::Features::Status> const &v) { tarnFeatureStatus_ = v; }
-   Ptr<Tarn::Secureboot::Status const> const &sbStatus() const { return sbStatus_; }
-   void sbStatusIs(Ptr<Tarn::Secureboot::Status const> const &v) { sbStatus_ = v; }
-   Ptr<TarnFeatureSm> const &tarnFeatureSm() const { return tarnFeatureSm_; }
+   Ptr<MeasuredBootVersionSm> measuredBootVersionSmIs(Ptr<Ledger::EntityManager> const &entityManager,
+                                                      Ptr<MeasuredBootVersion> const &measuredBootVersion) {
+      return smIs<&MeasuredBootVersionSm::MeasuredBootVersionSmIs>(measuredBootVersionSm_, entityManager,
+                                                                   measuredBootVersion);
+   }
+   Ptr<MeasuredBootVersionSm> measuredBootVersionSmDel() { return smDel(measuredBootVersionSm_); }
+
    Ptr<TarnFeatureSm> tarnFeatureSmIs(Ptr<Ledger::EntityManager> const &entityManager,
                                       Ptr<Tarn::Features::Status> const &tarnFeatureStatus,
-                                      Ptr<Tarn::Secureboot::Status const> const &sbStatus);
-   Ptr<TarnFeatureSm> tarnFeatureSmDel();
+                                      Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
+      return smIs<&TarnFeatureSm::TarnFeatureSmIs>(tarnFeatureSm_, entityManager, tarnFeatureStatus, sbStatus);
+   }
+   Ptr<TarnFeatureSm> tarnFeatureSmDel() { return smDel(tarnFeatureSm_); }
 
-   Ptr<Tarn::PcrConfig::Status> const &tarnPcrConfigStatus() const { return tarnPcrConfigStatus_; }
-   void tarnPcrConfigStatusIs(Ptr<Tarn::PcrConfig::Status> const &v) { tarnPcrConfigStatus_ = v; }
-   Ptr<TarnPcrConfigStatusSm> const &tarnPcrConfigStatusSm() const { return tarnPcrConfigStatusSm_; }
    Ptr<TarnPcrConfigStatusSm> tarnPcrConfigStatusSmIs(Ptr<Ledger::EntityManager> const &entityManager,
                                                       Ptr<Tarn::PcrConfig::Status> const &tarnPcrConfigStatus,
-                                                      Ptr<Tarn::Secureboot::Status const> const &sbStatus);
-   Ptr<TarnPcrConfigStatusSm> tarnPcrConfigStatusSmDel();
-
-   Ptr<FirstInstructionSecurity> const &firstInstructionSecurity() const { return firstInstructionSecurity_; }
-   void firstInstructionSecurityIs(Ptr<FirstInstructionSecurity> const &v) { firstInstructionSecurity_ = v; }
-   Ptr<FirstInstructionSecuritySm> const &firstInstructionSecuritySm() const {
-      return firstInstructionSecuritySm_;
+                                                      Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
+      return smIs<&TarnPcrConfigStatusSm::TarnPcrConfigStatusSmIs>(tarnPcrConfigStatusSm_, entityManager,
+                                                                   tarnPcrConfigStatus, sbStatus);
    }
+   Ptr<TarnPcrConfigStatusSm> tarnPcrConfigStatusSmDel() { return smDel(tarnPcrConfigStatusSm_); }
+
    Ptr<FirstInstructionSecuritySm> firstInstructionSecuritySmIs(
       Ptr<Ledger::EntityManager> const &entityManager,
-      Ptr<FirstInstructionSecurity> const &firstInstructionSecurity);
-   Ptr<FirstInstructionSecuritySm> firstInstructionSecuritySmDel();
-
-   Ptr<Hardware::Sentrel::Config const> const &defaultSentrelStatus() const { return defaultSentrelStatus_; }
-   void defaultSentrelStatusIs(Ptr<Hardware::Sentrel::Config const> const &v) { defaultSentrelStatus_ = v; }
-   Ptr<CheckConfigurationStatusSm> const &checkConfigurationStatusSm() const {
-      return checkConfigurationStatusSm_;
+      Ptr<FirstInstructionSecurity> const &firstInstructionSecurity) {
+      return smIs<&FirstInstructionSecuritySm::FirstInstructionSecuritySmIs>(firstInstructionSecuritySm_,
+                                                                             entityManager, firstInstructionSecurity);
    }
+   Ptr<FirstInstructionSecuritySm> firstInstructionSecuritySmDel() { return smDel(firstInstructionSecuritySm_); }
+
    Ptr<CheckConfigurationStatusSm> checkConfigurationStatusSmIs(
       Ptr<Ledger::EntityManager> const &entityManager,
       Ptr<Hardware::Sentrel::Config const> const &defaultSentrelStatus,
-      Ptr<Tarn::Secureboot::Status const> const &sbStatus);
-   Ptr<CheckConfigurationStatusSm> checkConfigurationStatusSmDel();
+      Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
+      return smIs<&CheckConfigurationStatusSm::CheckConfigurationStatusSmIs>(
+         checkConfigurationStatusSm_, entityManager, defaultSentrelStatus, sbStatus);
+   }
+   Ptr<CheckConfigurationStatusSm> checkConfigurationStatusSmDel() { return smDel(checkConfigurationStatusSm_); }
 
-   Ptr<IntegrityKeyringRequestColl const> const &integrityKeyringRequestColl() const {
-      return integrityKeyringRequestColl_;
+   Ptr<IntegrityKeyringSm> integrityKeyringSmIs(Ptr<IntegrityKeyringColl> const &coll) {
+      return smIs<&IntegrityKeyringSm::IntegrityKeyringSmIs>(integrityKeyringSm_, coll);
    }
-   void integrityKeyringRequestCollIs(Ptr<IntegrityKeyringRequestColl const> const &v) {
-      integrityKeyringRequestColl_ = v;
+   Ptr<IntegrityKeyringSm> integrityKeyringSmDel() { return smDel(integrityKeyringSm_); }
+
+   Ptr<IntegritySyslogSm> integritySyslogSmIs() {
+      return smIs<&IntegritySyslogSm::IntegritySyslogSmIs>(integritySyslogSm_);
    }
-   Ptr<IntegrityKeyringRequestStatusColl const> const &integrityKeyringRequestStatusColl() const {
-      return integrityKeyringRequestStatusColl_;
-   }
-   void integrityKeyringRequestStatusCollIs(Ptr<IntegrityKeyringRequestStatusColl const> const &v) {
-      integrityKeyringRequestStatusColl_ = v;
-   }
-   Ptr<IntegrityKeyringColl> const &integrityKeyringColl() const { return integrityKeyringColl_; }
-   void integrityKeyringCollIs(Ptr<IntegrityKeyringColl> const &v) { integrityKeyringColl_ = v; }
-   Ptr<IntegrityKeyringSm> const &integrityKeyringSm() const { return integrityKeyringSm_; }
-   Ptr<IntegrityKeyringSm> integrityKeyringSmIs(Ptr<IntegrityKeyringColl> const &coll);
-   Ptr<IntegrityKeyringSm> integrityKeyringSmDel();
-   Ptr<IntegritySyslogSm> const &integritySyslogSm() const { return integritySyslogSm_; }
-   Ptr<IntegritySyslogSm> integritySyslogSmIs();
-   Ptr<IntegritySyslogSm> integritySyslogSmDel();
+   Ptr<IntegritySyslogSm> integritySyslogSmDel() { return smDel(integritySyslogSm_); }
 
  protected:
    ~Agent() override;
 
  private:
+   // Every xSmIs: keeps the machine built on the very same objects (compared
+   // by identity), otherwise puts a new one, made by its own creator with its
+   // notifications on, in the old one's place.
+   template <auto create, class Sm, class... Args>
+   static Ptr<Sm> smIs(Ptr<Sm> &slot, Args const &...args) {
+      if (slot && slot->constructorArgs() == std::tie(args...)) return slot;
+      slot = create(args...);
+      return slot;
+   }
+   // Every xSmDel: takes the machine out and switches its notifications off.
+   template <class Sm>
+   static Ptr<Sm> smDel(Ptr<Sm> &slot) {
+      Ptr<Sm> sm = std::move(slot);
+      slot = nullptr;
+      if (sm) sm->hasNotificationActiveIs(false);
+      return sm;
+   }
+
    Loom::TrackedBy tracked_{memAllocationTracker_};
-   // Declared in this order: destruction releases them in reverse.
-   Ptr<MeasuredBootVersion> measuredBootVersion_;
-   Ptr<MeasuredBootVersionSm> measuredBootVersionSm_;
-   Ptr<Tarn::Features::Status> tarnFeatureStatus_;
-   Ptr<Tarn::Secureboot::Status const> sbStatus_;
-   Ptr<TarnFeatureSm> tarnFeatureSm_;
-   Ptr<Tarn::PcrConfig::Status> tarnPcrConfigStatus_;
-   Ptr<TarnPcrConfigStatusSm> tarnPcrConfigStatusSm_;
-   Ptr<FirstInstructionSecurity> firstInstructionSecurity_;
-   Ptr<FirstInstructionSecuritySm> firstInstructionSecuritySm_;
-   Ptr<Hardware::Sentrel::Config const> defaultSentrelStatus_;
-   Ptr<CheckConfigurationStatusSm> checkConfigurationStatusSm_;
-   Ptr<IntegrityKeyringRequestColl const> integrityKeyringRequestColl_;
-   Ptr<IntegrityKeyringRequestStatusColl const> integrityKeyringRequestStatusColl_;
-   Ptr<IntegrityKeyringColl> integrityKeyringColl_;
-   Ptr<IntegrityKeyringSm> integrityKeyringSm_;
-   Ptr<IntegritySyslogSm> integritySyslogSm_;
+   SENTREL_AGENT_ATTRS(SENTREL_AGENT_FIELD_, SENTREL_AGENT_FIELD_)
 };
 
 // The entry point the framework finds by name.

@@ -14,34 +14,12 @@
 #include "Sentrel/PlatformHelpers.h"
 #include "Sentrel/platform/SystemFile.h"
 
+#define SENTREL_TARN_FEATURE_SM_OPS(X)                                                  \
+   X(getRevisionFromFeaturesFile) X(populateSbOutdatedFromSbVersion) X(getRunningTarnVersion) \
+   X(checkTarnDeprecation) X(checkPcrMultibankSupported) X(checkMeasuredbootSupported) X(handleInitialized)
+LOOM_STATE_MACHINE_DEFINE(Sentrel, TarnFeatureSm, SENTREL_TARN_FEATURE_SM_ARGS, SENTREL_TARN_FEATURE_SM_OPS)
+
 namespace Sentrel {
-
-Loom::AllocationTracker TarnFeatureSm::memAllocationTracker_{"Sentrel::TarnFeatureSm"};
-
-Loom::TypeInfo const &TarnFeatureSm::typeInfo() {
-   using S = TarnFeatureSm;
-   static Loom::TypeInfo const t{
-      "Sentrel::TarnFeatureSm",
-      {Loom::attr("entityManager", &S::entityManager), Loom::attr("tarnFeatureStatus", &S::tarnFeatureStatus),
-       Loom::attr("sbStatus", &S::sbStatus), Loom::attr("initialized", &S::initialized, &S::initializedIs)},
-      {Loom::op("getRevisionFromFeaturesFile", &S::getRevisionFromFeaturesFile),
-       Loom::op("populateSbOutdatedFromSbVersion", &S::populateSbOutdatedFromSbVersion),
-       Loom::op("getRunningTarnVersion", &S::getRunningTarnVersion),
-       Loom::op("checkTarnDeprecation", &S::checkTarnDeprecation),
-       Loom::op("checkPcrMultibankSupported", &S::checkPcrMultibankSupported),
-       Loom::op("checkMeasuredbootSupported", &S::checkMeasuredbootSupported),
-       Loom::op("handleInitialized", &S::handleInitialized)},
-      nullptr};
-   return t;
-}
-
-Ptr<TarnFeatureSm> TarnFeatureSm::TarnFeatureSmIs(Ptr<Ledger::EntityManager> const &entityManager,
-                                                  Ptr<Tarn::Features::Status> const &tarnFeatureStatus,
-                                                  Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
-   auto sm = Loom::make<TarnFeatureSm>(entityManager, tarnFeatureStatus, sbStatus);
-   sm->hasNotificationActiveIs(true);
-   return sm;
-}
 
 TarnFeatureSm::TarnFeatureSm(Ptr<Ledger::EntityManager> const &entityManager,
                              Ptr<Tarn::Features::Status> const &tarnFeatureStatus,
@@ -49,19 +27,12 @@ TarnFeatureSm::TarnFeatureSm(Ptr<Ledger::EntityManager> const &entityManager,
     : entityManager_(entityManager),
       tarnFeatureStatus_(tarnFeatureStatus),
       sbStatus_(sbStatus),
-      sbStatusDispatch_(*this, sbStatus.ptr(), [this](unsigned attr) { sbStatusDispatch(attr); }) {
-   sbStatusDispatch_.subscribe();
+      sbStatusDispatch_(*this, sbStatus.ptr(), {Tarn::Secureboot::Status::Attr::supported},
+                        [this](unsigned) { sbStatusDispatch(); }) {
    handleInitialized();
 }
 
-TarnFeatureSm::~TarnFeatureSm() {
-   hasNotificationActiveIs(false);
-   loomDoZombieReactors(true);
-}
-
-void TarnFeatureSm::sbStatusDispatch(unsigned attr) {
-   if (zombie()) return;
-   if (attr != Tarn::Secureboot::Status::Attr::supported) return;
+void TarnFeatureSm::sbStatusDispatch() {
    // The revisions read at start-up stand; only the checks gated by
    // `supported` are run again.
    checkTarnDeprecation();

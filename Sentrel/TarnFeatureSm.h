@@ -2,55 +2,36 @@
 
 #include <optional>
 #include <string>
-#include <tuple>
 
 #include "Sentrel/platform/Ledger.h"
+#include "Sentrel/platform/StateMachine.h"
 #include "Sentrel/types/TarnFeaturesStatus.h"
 #include "Sentrel/types/TarnSecurebootStatus.h"
 
 namespace Sentrel {
 
+#define SENTREL_TARN_FEATURE_SM_ARGS(X)          \
+   X(Ledger::EntityManager, entityManager)       \
+   X(Tarn::Features::Status, tarnFeatureStatus)  \
+   X(Tarn::Secureboot::Status const, sbStatus)
+
 // Reads the bootloader's features file, derives secure boot outdated, PCR
 // multibank and measured boot support, and warns of bootloader deprecation.
-class TarnFeatureSm : public Loom::Node {
+class TarnFeatureSm : public Loom::StateMachine {
+   LOOM_STATE_MACHINE(TarnFeatureSm, SENTREL_TARN_FEATURE_SM_ARGS)
+
  public:
-   static Loom::AllocationTracker memAllocationTracker_;
-   static Loom::TypeInfo const &typeInfo();
-   Loom::TypeInfo const &typeData() const override { return typeInfo(); }
-
-   static Ptr<TarnFeatureSm> TarnFeatureSmIs(Ptr<Ledger::EntityManager> const &entityManager,
-                                             Ptr<Tarn::Features::Status> const &tarnFeatureStatus,
-                                             Ptr<Tarn::Secureboot::Status const> const &sbStatus);
-   TarnFeatureSm(Ptr<Ledger::EntityManager> const &entityManager,
-                 Ptr<Tarn::Features::Status> const &tarnFeatureStatus,
-                 Ptr<Tarn::Secureboot::Status const> const &sbStatus);
-
-   Ptr<Ledger::EntityManager> const &entityManager() const { return entityManager_; }
-   Ptr<Tarn::Features::Status> const &tarnFeatureStatus() const { return tarnFeatureStatus_; }
-   Ptr<Tarn::Secureboot::Status const> const &sbStatus() const { return sbStatus_; }
    void getRevisionFromFeaturesFile();
    void populateSbOutdatedFromSbVersion();
    Loom::String getRunningTarnVersion();
    void checkTarnDeprecation();
    void checkPcrMultibankSupported();
    void checkMeasuredbootSupported();
-   // What it was built on, compared by identity when the agent asks again.
-   auto constructorArgs() const { return std::tie(entityManager_, tarnFeatureStatus_, sbStatus_); }
-   bool initialized() const { return initialized_; }
-   void initializedIs(bool v) { initialized_ = v; }
    void handleInitialized();
 
- protected:
-   ~TarnFeatureSm() override;
-
  private:
-   void sbStatusDispatch(unsigned attr);
+   void sbStatusDispatch();
 
-   Loom::TrackedBy tracked_{memAllocationTracker_};
-   Ptr<Ledger::EntityManager> entityManager_;
-   Ptr<Tarn::Features::Status> tarnFeatureStatus_;
-   Ptr<Tarn::Secureboot::Status const> sbStatus_;
-   bool initialized_ = false;
    Loom::Reactor sbStatusDispatch_;
 };
 

@@ -8,6 +8,12 @@
 #include "Sentrel/PlatformHelpers.h"
 #include "Sentrel/SentrelTrace.h"
 
+#define SENTREL_TARN_PCR_CONFIG_STATUS_SM_OPS(X)                                            \
+   X(logPcrConfigError) X(checkPcrConfigErrorLog) X(readRequiredPcrBank) X(readConfiguredPcrBank) \
+   X(handleInitialized)
+LOOM_STATE_MACHINE_DEFINE(Sentrel, TarnPcrConfigStatusSm, SENTREL_TARN_PCR_CONFIG_STATUS_SM_ARGS,
+                          SENTREL_TARN_PCR_CONFIG_STATUS_SM_OPS)
+
 namespace Sentrel {
 
 namespace {
@@ -18,40 +24,12 @@ bool beginsWith(std::string const &line, char const *keyword) {
 
 }  // namespace
 
-Loom::AllocationTracker TarnPcrConfigStatusSm::memAllocationTracker_{"Sentrel::TarnPcrConfigStatusSm"};
-
-Loom::TypeInfo const &TarnPcrConfigStatusSm::typeInfo() {
-   using S = TarnPcrConfigStatusSm;
-   static Loom::TypeInfo const t{
-      "Sentrel::TarnPcrConfigStatusSm",
-      {Loom::attr("entityManager", &S::entityManager),
-       Loom::attr("tarnPcrConfigStatus", &S::tarnPcrConfigStatus), Loom::attr("sbStatus", &S::sbStatus),
-       Loom::attr("initialized", &S::initialized, &S::initializedIs)},
-      {Loom::op("logPcrConfigError", &S::logPcrConfigError),
-       Loom::op("checkPcrConfigErrorLog", &S::checkPcrConfigErrorLog),
-       Loom::op("readRequiredPcrBank", &S::readRequiredPcrBank),
-       Loom::op("readConfiguredPcrBank", &S::readConfiguredPcrBank),
-       Loom::op("handleInitialized", &S::handleInitialized)},
-      nullptr};
-   return t;
-}
-
-Ptr<TarnPcrConfigStatusSm> TarnPcrConfigStatusSm::TarnPcrConfigStatusSmIs(
-   Ptr<Ledger::EntityManager> const &entityManager, Ptr<Tarn::PcrConfig::Status> const &tarnPcrConfigStatus,
-   Ptr<Tarn::Secureboot::Status const> const &sbStatus) {
-   auto sm = Loom::make<TarnPcrConfigStatusSm>(entityManager, tarnPcrConfigStatus, sbStatus);
-   sm->hasNotificationActiveIs(true);
-   return sm;
-}
-
 TarnPcrConfigStatusSm::TarnPcrConfigStatusSm(Ptr<Ledger::EntityManager> const &entityManager,
                                              Ptr<Tarn::PcrConfig::Status> const &tarnPcrConfigStatus,
                                              Ptr<Tarn::Secureboot::Status const> const &sbStatus)
     : entityManager_(entityManager), tarnPcrConfigStatus_(tarnPcrConfigStatus), sbStatus_(sbStatus) {
    handleInitialized();
 }
-
-TarnPcrConfigStatusSm::~TarnPcrConfigStatusSm() { hasNotificationActiveIs(false); }
 
 void TarnPcrConfigStatusSm::handleInitialized() {
    TRACE7("void Sentrel::TarnPcrConfigStatusSm::handleInitialized()");

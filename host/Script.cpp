@@ -61,10 +61,12 @@ void Host::runScriptCommand(String const &, String const &line, String &out) {
    if (cmd == "set" || cmd == "insert") {
       String const path = word(rest), attrName = word(rest), json = trimmed(rest);
       if (json.empty()) throw UsageError(cmd + " takes PATH ATTR JSON");
-      auto entity = em_->lookup(path);
-      if (!Sentrel::stateTreeEntry(path) || !entity) throw UsageError("no entity at \"" + path + "\"");
+      // The agent's own attributes are addressed as "agent".
+      auto entityAt = [this](String const &p) { return Sentrel::stateTreeEntry(p) ? em_->lookup(p) : nullptr; };
+      Ptr<Loom::Entity> const entity = path == "agent" ? Ptr<Loom::Entity>(agent_) : entityAt(path);
+      if (!entity) throw UsageError("no entity at \"" + path + "\"");
       auto const *attr = entity->typeData().attr(attrName);
-      if (!attr || attr->kind == Loom::Kind::Ref) {
+      if (!attr || (attr->kind == Loom::Kind::Ref && !attr->set)) {
          throw UsageError("unknown attribute \"" + attrName + "\" of " + path);
       }
       bool const collection = attr->kind == Loom::Kind::StringSet || attr->kind == Loom::Kind::StringU32Map;
@@ -75,7 +77,9 @@ void Host::runScriptCommand(String const &, String const &line, String &out) {
       JsonError err;
       auto node = parseJson(json, err);
       if (!node) throw UsageError("bad JSON at byte " + std::to_string(err.offset) + " of the value: " + err.message);
-      auto c = valueFromJson(*attr, *node, false);
+      auto c = attr->kind == Loom::Kind::Ref
+                  ? referenceFromJson(*node, [&](String const &p) { return entityAt(p).ptr(); })
+                  : valueFromJson(*attr, *node, false);
       if (c.error) throw UsageError(attrName + ": " + c.error->message);
       auto const &op = collection ? attr->insert : attr->set;
       if (auto e = op(*entity, c.value)) throw UsageError(attrName + ": " + *e);

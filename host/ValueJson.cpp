@@ -81,4 +81,13 @@ Converted valueFromJson(Loom::AttrInfo const &attr, JsonNode const &node, bool w
    return fail(node, "this attribute cannot be set");
 }
 
+Converted referenceFromJson(JsonNode const &node,
+                            std::function<Loom::Object const *(Loom::String const &path)> const &lookup) {
+   if (node.type == JsonNode::Null) return {static_cast<Loom::Object const *>(nullptr), std::nullopt};
+   if (node.type != JsonNode::Str) return fail(node, "expected the path of an entity as a string, or null");
+   auto const *o = lookup(node.text);
+   if (!o) return fail(node, "no entity at \"" + node.text + "\"");
+   return {o, std::nullopt};
+}
+
 }  // namespace SentrelHost

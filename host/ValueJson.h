@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include "Sentrel/platform/Json.h"
 #include "Sentrel/platform/TypeInfo.h"
 #include "host/JsonTree.h"
@@ -16,6 +18,11 @@ struct Converted {
 // The value that `set` (or, for sets and maps, `insert`) of `attr` takes.
 // A set takes one string or, when `whole` is set, an array of strings.
 Converted valueFromJson(Loom::AttrInfo const &attr, JsonNode const &node, bool whole);
+
+// The value that `set` of a reference takes: the JSON string of an entity
+// path, found by `lookup` (null when there is none there), or null.
+Converted referenceFromJson(JsonNode const &node,
+                            std::function<Loom::Object const *(Loom::String const &path)> const &lookup);
 
 // Writes a generic value; sets are arrays, maps and variants objects.
 template <class Writer>

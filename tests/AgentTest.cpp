@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <functional>
 #include <gtest/gtest.h>
 #include <tuple>
 
@@ -148,14 +149,124 @@ TEST(AgentDeathTest, AFailedMountAborts) {
       "mountStatus == Ledger::mountSuccess_");
 }
 
-TEST(Agent, CreateAndDestroyLeavesNoLiveObject) {
-   for (int i = 0; i < 3; ++i) {
-      auto s = startAgent(seededLedger());
-   }
-   for (auto const *t : Loom::AllocationTracker::all()) {
-      EXPECT_EQ(t->live(), 0) << t->typeName();
+TEST(Agent, EveryCreateAndDestroyCycleLeavesNoLiveObject) {
+   struct Cycle {
+      char const *name;
+      std::function<void()> run;
+   };
+   std::vector<Cycle> const cycles{
+      {"started agent", [] { startAgent(seededLedger()); }},
+      {"agent made by AgentIs", [] { Sentrel::Agent::AgentIs("Sentrel"); }},
+      {"agent made in a directory",
+       [] { Loom::make<Loom::Dir>()->entityNew("Sentrel", Sentrel::Agent::typeInfo()); }},
+      {"machines replaced and taken",
+       [] {
+          auto s = startAgent(seededLedger());
+          s.agent->measuredBootVersionSmIs(s.em, Loom::make<Sentrel::MeasuredBootVersion>());
+          s.agent->integrityKeyringSmIs(Loom::make<Sentrel::IntegrityKeyringColl>());
+          s.agent->tarnFeatureSmDel();
+       }},
+      {"references set through the type description",
+       [] {
+          auto s = startAgent(seededLedger());
+          auto const *attr = s.agent->typeData().attr("tarnFeatureStatus");
+          EXPECT_FALSE(attr->set(*s.agent, s.em->lookup("tarn/features/status").ptr()));
+       }},
+   };
+   for (auto const &c : cycles) {
+      SCOPED_TRACE(c.name);
+      c.run();
+      for (auto const *t : Loom::AllocationTracker::all()) {
+         EXPECT_EQ(t->live(), 0) << t->typeName();
+      }
    }
    EXPECT_GT(Sentrel::Agent::memAllocationTracker_.constructions(), 0u);
+}
+
+TEST(Agent, ItsReferencesAreSetThroughTheTypeDescriptionOnlyToTheirOwnType) {
+   auto s = startAgent(seededLedger());
+   auto &a = *s.agent;
+   auto at = [&](char const *path) -> Loom::Object const * { return s.em->lookup(path).ptr(); };
+   auto const request = Loom::make<Sentrel::IntegrityKeyringRequestColl>();
+   auto const *features = at("tarn/features/status");
+   struct Case {
+      char const *attr;
+      Loom::Object const *value;
+      char const *error;  // nullptr: accepted
+   };
+   std::vector<Case> const cases{
+      {"measuredBootVersion", at("sentrel/measuredBootVersion"), nullptr},
+      {"tarnFeatureStatus", features, nullptr},
+      {"sbStatus", at("tarn/sb/status"), nullptr},
+      {"sbStatus", features, "expected a Tarn::Secureboot::Status, not a Tarn::Features::Status"},
+      {"tarnPcrConfigStatus", at("tarn/pcrConfig/status"), nullptr},
+      {"firstInstructionSecurity", at("sentrel/firstInstructionSecurity"), nullptr},
+      {"defaultSentrelStatus", nullptr, nullptr},
+      {"defaultSentrelStatus", at("hardware/sentrel/config"), "expected a Hardware::Sentrel::Config, not a Loom::Dir"},
+      {"integrityKeyringRequestColl", request.ptr(), nullptr},
+      {"integrityKeyringRequestStatusColl", request.ptr(),
+       "expected a Sentrel::IntegrityKeyringRequestStatusColl, not a Sentrel::IntegrityKeyringRequestColl"},
+      {"integrityKeyringColl", at("sentrel/integrity/key/keyringColl"), nullptr},
+      {"integrityKeyringColl", &a, "expected a Sentrel::IntegrityKeyringColl, not a Sentrel::Agent"},
+   };
+   for (auto const &c : cases) {
+      SCOPED_TRACE(std::string(c.attr) + (c.error ? " refused" : " accepted"));
+      auto const &attr = *a.typeData().attr(c.attr);
+      ASSERT_TRUE(attr.set);
+      Loom::Object const *before = std::get<Loom::Object const *>(attr.get(a));
+      auto const error = attr.set(a, c.value);
+      EXPECT_EQ(error.value_or(""), c.error ? c.error : "");
+      EXPECT_EQ(std::get<Loom::Object const *>(attr.get(a)), c.error ? before : c.value);
+   }
+   // Exactly the references of the lifecycle are settable; the machines are not.
+   std::vector<Loom::String> settable;
+   for (auto const &attr : a.typeData().attrs) {
+      if (attr.set) settable.push_back(attr.name);
+   }
+   EXPECT_EQ(settable, (std::vector<Loom::String>{"measuredBootVersion", "tarnFeatureStatus", "sbStatus",
+                                                  "tarnPcrConfigStatus", "firstInstructionSecurity",
+                                                  "defaultSentrelStatus", "integrityKeyringRequestColl",
+                                                  "integrityKeyringRequestStatusColl", "integrityKeyringColl"}));
+}
+
+TEST(Agent, TheGenericPathBuildsItInADirectoryAndRefusesExtraArguments) {
+   auto dir = Loom::make<Loom::Dir>();
+   auto const &type = *Loom::findType("Sentrel::Agent");
+   auto const before = Sentrel::Agent::memAllocationTracker_.constructions();
+   EXPECT_THROW(dir->entityNew("Sentrel", type, {Loom::String("extra")}), Loom::NewEntityArgumentsError);
+   EXPECT_EQ(Sentrel::Agent::memAllocationTracker_.constructions(), before);
+   EXPECT_FALSE(dir->entity("Sentrel"));
+
+   auto agent = Loom::ptrCast<Sentrel::Agent>(dir->entityNew("Sentrel", type));
+   ASSERT_TRUE(agent);
+   EXPECT_EQ(agent->name(), "Sentrel");
+   EXPECT_EQ(dir->entity("Sentrel"), agent);
+}
+
+TEST(Agent, AScriptSetsItsReferencesByEntityPath) {
+   TempDir sw;
+   sw.script("bin/lscpu", "echo 'Vendor ID: TestVendor'\n");
+   String const state = sw.file("state.json", R"({"entities": {}})");
+   struct Case {
+      char const *line;
+      int exitCode;
+      char const *error;
+   };
+   std::vector<Case> const cases{
+      {"set agent sbStatus \"tarn/sb/status\"", 0, ""},
+      {"set agent sbStatus \"tarn/features/status\"", 2,
+       "script:1: sbStatus: expected a Tarn::Secureboot::Status, not a Tarn::Features::Status"},
+      {"set agent sbStatus \"tarn/elsewhere\"", 2, "script:1: sbStatus: no entity at \"tarn/elsewhere\""},
+      {"set agent tarnFeatureSm \"tarn/sb/status\"", 2, "script:1: unknown attribute \"tarnFeatureSm\" of agent"},
+   };
+   for (auto const &c : cases) {
+      SCOPED_TRACE(c.line);
+      String const script = sw.file("script", String(c.line) + "\n");
+      auto r = runHost({"--state", state, "--sysroot", sw.path(), "--script", script},
+                       {"PATH=" + sw.path() + "/bin:" + std::getenv("PATH")});
+      EXPECT_EQ(r.exitCode, c.exitCode) << r.err;
+      EXPECT_NE(r.err.find(c.error), String::npos) << r.err;
+   }
 }
 
 TEST(Agent, DestructionSwitchesOffAndReleasesEveryMachine) {

@@ -3,6 +3,7 @@
 #include "Sentrel/LogCatalogue.h"
 #include "Sentrel/PlatformHelpers.h"
 #include "Sentrel/platform/RunCommand.h"
+#include "Sentrel/platform/StateMachine.h"
 #include "Sentrel/platform/Toggle.h"
 #include "Sentrel/types/TarnSecurebootStatus.h"
 #include "TestSupport.h"
@@ -231,6 +232,92 @@ TEST(Notification, SwitchingNotificationsSubscribesAndUnsubscribes) {
    w->hasNotificationActiveIs(true);
    EXPECT_EQ(sb->subscriberCount(), 1u);
    EXPECT_FALSE(w->zombie());
+}
+
+TEST(Notification, AReactorGivenAttributesSeesChangesOfThoseOnly) {
+   using A = Tarn::Secureboot::Status::Attr;
+   for (std::vector<unsigned> const &attrs :
+        std::vector<std::vector<unsigned>>{{A::ready}, {A::supported, A::enabledPcrBank}}) {
+      auto sb = Loom::make<Tarn::Secureboot::Status>();
+      auto w = Loom::make<Watcher>(nullptr);
+      std::vector<unsigned> seen;
+      Loom::Reactor r(*w, sb.ptr(), attrs, [&](unsigned a) { seen.push_back(a); });
+      r.subscribe();
+      sb->supportedIs(true);
+      sb->readyIs(true);
+      sb->statusFlagsIs(33);
+      sb->enabledPcrBankIs("sha256");
+      EXPECT_EQ(seen, attrs);
+   }
+}
+
+namespace {
+// A state machine reacting to `ready`; it can act from inside its reaction
+// and look at itself as its destruction starts.
+class Probe : public Loom::StateMachine {
+ public:
+   Loom::TypeInfo const &typeData() const override { return Watcher::typeInfo(); }
+   explicit Probe(Tarn::Secureboot::Status const *sb)
+       : reactor_(*this, sb, {Tarn::Secureboot::Status::Attr::ready}, [this](unsigned) {
+            ++reactions;
+            if (act) act();
+         }) {}
+   ~Probe() override {
+      if (destroyed) *destroyed = {notificationActive(), zombie()};
+   }
+   int reactions = 0;
+   std::function<void()> act;
+   std::pair<bool, bool> *destroyed = nullptr;  // notifications on, zombie
+
+ private:
+   Loom::Reactor reactor_;
+};
+}  // namespace
+
+TEST(StateMachine, NotificationsGoOnOnceTheCreatorHasBuiltTheMachine) {
+   auto sb = Loom::make<Tarn::Secureboot::Status>();
+   auto built = Loom::make<Probe>(sb.ptr());
+   EXPECT_FALSE(built->notificationActive());
+   EXPECT_EQ(sb->subscriberCount(), 0u);
+
+   auto sm = Loom::stateMachineNew<Probe>(sb.ptr());
+   EXPECT_TRUE(sm->notificationActive());
+   EXPECT_EQ(sb->subscriberCount(), 1u);
+   sb->readyIs(true);
+   EXPECT_EQ(sm->reactions, 1);
+   EXPECT_EQ(built->reactions, 0);
+}
+
+TEST(StateMachine, TheLastReferenceSwitchesOffAndMakesZombiesBeforeDestruction) {
+   auto sb = Loom::make<Tarn::Secureboot::Status>();
+   std::pair<bool, bool> seen{true, false};
+   auto sm = Loom::stateMachineNew<Probe>(sb.ptr());
+   sm->destroyed = &seen;
+   sm = nullptr;
+   EXPECT_EQ(seen, std::make_pair(false, true));
+   EXPECT_EQ(sb->subscriberCount(), 0u);
+}
+
+TEST(StateMachine, AMachineDroppedDuringADeliveryGoesAndTheDeliveryGoesOn) {
+   auto sb = Loom::make<Tarn::Secureboot::Status>();
+   std::pair<bool, bool> secondGone{true, false}, firstGone{true, false};
+   auto first = Loom::stateMachineNew<Probe>(sb.ptr());
+   auto second = Loom::stateMachineNew<Probe>(sb.ptr());
+   auto third = Loom::stateMachineNew<Probe>(sb.ptr());
+   second->destroyed = &secondGone;
+   first->destroyed = &firstGone;
+   // The first drops the second, then itself, from inside its reaction.
+   Probe *self = first.ptr();
+   first->act = [&] {
+      second = nullptr;
+      first = nullptr;
+      EXPECT_EQ(self->reactions, 1);  // still whole until its reaction returns
+   };
+   sb->readyIs(true);
+   EXPECT_EQ(secondGone, std::make_pair(false, true));
+   EXPECT_EQ(firstGone, std::make_pair(false, true));
+   EXPECT_EQ(third->reactions, 1);
+   EXPECT_EQ(sb->subscriberCount(), 1u);
 }
 
 TEST(PtrDeathTest, NullDereferenceAbortsNamingTheType) {

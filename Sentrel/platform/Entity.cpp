@@ -55,6 +55,16 @@ Reactor::Reactor(Node &owner, Entity const *entity, Handler handler)
    owner_.reactors_.push_back(this);
 }
 
+Reactor::Reactor(Node &owner, Entity const *entity, std::vector<unsigned> const &attrs, Handler handler)
+    : Reactor(owner, entity, std::move(handler)) {
+   attrs_ = 0;
+   for (unsigned a : attrs) {
+      // Attribute numbers are declaration positions: a type has far fewer.
+      if (a >= 64) std::abort();
+      attrs_ |= std::uint64_t{1} << a;
+   }
+}
+
 Reactor::~Reactor() {
    unsubscribe();
    auto &rs = owner_.reactors_;
@@ -75,7 +85,8 @@ void Reactor::unsubscribe() {
 
 void Reactor::deliver(unsigned attr) noexcept {
    // An exception escaping a reactor ends the process (noexcept).
-   if (owner_.zombie()) return;
+   bool const wanted = attrs_ == kEveryAttr || (attr < 64 && ((attrs_ >> attr) & 1));
+   if (!wanted || owner_.zombie()) return;
    Ptr<Node> keepAlive(&owner_);
    handler_(attr);
 }
@@ -117,5 +128,17 @@ Ptr<Entity> Dir::entity(String const &name) const {
 void Dir::entityIs(String const &name, Ptr<Entity> const &e) { entities_[name] = e; }
 
 void Dir::entityDel(String const &name) { entities_.erase(name); }
+
+NewEntityArgumentsError::~NewEntityArgumentsError() = default;
+
+Ptr<Entity> Dir::entityNew(String const &name, TypeInfo const &type, std::vector<Value> const &args) {
+   if (!args.empty()) {
+      throw NewEntityArgumentsError(type.name + " \"" + name + "\" takes no constructor arguments, given " +
+                                    std::to_string(args.size()));
+   }
+   auto e = ptrCast<Entity>(type.createNamed ? type.createNamed(name) : type.create ? type.create() : nullptr);
+   if (e) entityIs(name, e);
+   return e;
+}
 
 }  // namespace Loom

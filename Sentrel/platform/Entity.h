@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <stdexcept>
 #include <vector>
 
 #include "Sentrel/platform/AllocationTracker.h"
@@ -58,11 +59,13 @@ class LOOM_API Entity : public Object {
 
 // One subscription of a node to one entity: a notification entry bound at
 // construction, subscribed and unsubscribed as the node's notifications are
-// switched. It unsubscribes when destroyed.
+// switched. It unsubscribes when destroyed. Given the attributes it reacts
+// to, it is called for changes of those only; otherwise for every change.
 class LOOM_API Reactor {
  public:
    using Handler = std::function<void(unsigned attr)>;
    Reactor(Node &owner, Entity const *entity, Handler handler);
+   Reactor(Node &owner, Entity const *entity, std::vector<unsigned> const &attrs, Handler handler);
    Reactor(Reactor const &) = delete;
    Reactor &operator=(Reactor const &) = delete;
    ~Reactor();
@@ -78,6 +81,8 @@ class LOOM_API Reactor {
 
    Node &owner_;
    Entity const *entity_;
+   static constexpr std::uint64_t kEveryAttr = ~std::uint64_t{0};
+   std::uint64_t attrs_ = kEveryAttr;  // bit n: attribute n
    Handler handler_;
    bool subscribed_ = false;
 };
@@ -105,6 +110,14 @@ class LOOM_API Node : public Object {
    bool zombie_ = false;
 };
 
+// What the generic construction path throws when it is handed constructor
+// arguments beyond the new entity's name.
+class LOOM_API NewEntityArgumentsError : public std::invalid_argument {
+ public:
+   using std::invalid_argument::invalid_argument;
+   ~NewEntityArgumentsError() override;
+};
+
 // An entity holding named entities.
 class LOOM_API Dir : public Entity {
  public:
@@ -115,6 +128,11 @@ class LOOM_API Dir : public Entity {
    Ptr<Entity> entity(String const &name) const;
    void entityIs(String const &name, Ptr<Entity> const &e);
    void entityDel(String const &name);
+   // The framework's generic construction path: a new entity of `type`,
+   // named `name`, placed here. Types take nothing beyond the name: any
+   // argument is refused (NewEntityArgumentsError) before anything is
+   // built. Null when the type builds no entity.
+   Ptr<Entity> entityNew(String const &name, TypeInfo const &type, std::vector<Value> const &args = {});
    std::map<String, Ptr<Entity>> const &entities() const { return entities_; }
 
  private:

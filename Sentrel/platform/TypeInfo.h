@@ -65,6 +65,8 @@ struct LOOM_API TypeInfo {
    std::vector<AttrInfo> attrs;
    std::vector<OpInfo> ops;
    std::function<Ptr<Object>()> create;  // entity types: a new entity at defaults
+   // Types built from a name alone, as agents are: a new object of that name.
+   std::function<Ptr<Object>(String const &name)> createNamed = nullptr;
 
    AttrInfo const *attr(String const &n) const;
    OpInfo const *op(String const &n) const;
@@ -117,12 +119,6 @@ struct ValueTraits<String> {
       }
       return "expected a string";
    }
-};
-
-template <class X>
-struct ValueTraits<Ptr<X>> {
-   static constexpr Kind kind = Kind::Ref;
-   static Value to(Ptr<X> const &v) { return static_cast<Object const *>(v.ptr()); }
 };
 
 // Builders of attribute descriptions from an entity's getter and setter.
@@ -206,5 +202,33 @@ class LOOM_API Object : public RefCounted {
    Object() = default;
    ~Object() override;
 };
+
+// A reference takes an object of its own type (told by the type
+// description) or null, and refuses any other.
+template <class X>
+struct ValueTraits<Ptr<X>> {
+   static constexpr Kind kind = Kind::Ref;
+   static Value to(Ptr<X> const &v) { return static_cast<Object const *>(v.ptr()); }
+   static Error from(Value const &v, Ptr<X> &out) {
+      using Plain = std::remove_const_t<X>;
+      String const &want = Plain::typeInfo().name;
+      auto const *o = std::get_if<Object const *>(&v);
+      if (!o) return "expected a reference to a " + want;
+      if (!*o) {
+         out = nullptr;
+         return std::nullopt;
+      }
+      auto *x = (*o)->typeData().name == want ? dynamic_cast<Plain *>(const_cast<Object *>(*o)) : nullptr;
+      if (!x) return "expected a " + want + ", not a " + (*o)->typeData().name;
+      out = Ptr<X>(x);
+      return std::nullopt;
+   }
+};
+
+// The creator of an entity type's description: a new entity at defaults.
+template <class E>
+std::function<Ptr<Object>()> creator() {
+   return [] { return Ptr<Object>(make<E>()); };
+}
 
 }  // namespace Loom

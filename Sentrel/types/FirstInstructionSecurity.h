@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <variant>
 
-#include "Sentrel/platform/Entity.h"
+#include "Sentrel/platform/EntityAttrs.h"
 
 namespace Sentrel {
 
@@ -17,51 +17,18 @@ struct ModelRevisionId {
 // Intel: the Boot Guard key hash; AMD: the model and revision identifier.
 using VendorSpecific = std::variant<Loom::String, ModelRevisionId>;
 
+#define SENTREL_FIRST_INSTRUCTION_SECURITY_ATTRS(X) \
+   X(value, Loom::String, cpuVendor, {})             \
+   X(value, bool, supported, false)                  \
+   X(value, bool, systemFused, false)                \
+   X(value, bool, verifiedbootEnabled, false)        \
+   X(value, bool, measuredbootEnabled, false)        \
+   X(value, bool, devConfig, false)                  \
+   X(value, VendorSpecific, vendorSpecific, {})
+
 // First-instruction security: Intel Boot Guard or AMD Platform Secure Boot.
 class LOOM_API FirstInstructionSecurity : public Loom::Entity {
- public:
-   struct Attr {
-      enum : unsigned {
-         cpuVendor,
-         supported,
-         systemFused,
-         verifiedbootEnabled,
-         measuredbootEnabled,
-         devConfig,
-         vendorSpecific
-      };
-   };
-   static Loom::AllocationTracker memAllocationTracker_;
-   static Loom::TypeInfo const &typeInfo();
-   Loom::TypeInfo const &typeData() const override { return typeInfo(); }
-
-   Loom::String const &cpuVendor() const { return cpuVendor_; }
-   void cpuVendorIs(Loom::String const &v) { assign(cpuVendor_, v, Attr::cpuVendor); }
-   bool supported() const { return supported_; }
-   void supportedIs(bool v) { assign(supported_, v, Attr::supported); }
-   bool systemFused() const { return systemFused_; }
-   void systemFusedIs(bool v) { assign(systemFused_, v, Attr::systemFused); }
-   bool verifiedbootEnabled() const { return verifiedbootEnabled_; }
-   void verifiedbootEnabledIs(bool v) { assign(verifiedbootEnabled_, v, Attr::verifiedbootEnabled); }
-   bool measuredbootEnabled() const { return measuredbootEnabled_; }
-   void measuredbootEnabledIs(bool v) { assign(measuredbootEnabled_, v, Attr::measuredbootEnabled); }
-   bool devConfig() const { return devConfig_; }
-   void devConfigIs(bool v) { assign(devConfig_, v, Attr::devConfig); }
-   VendorSpecific const &vendorSpecific() const { return vendorSpecific_; }
-   void vendorSpecificIs(VendorSpecific const &v) { assign(vendorSpecific_, v, Attr::vendorSpecific); }
-
- protected:
-   ~FirstInstructionSecurity() override;
-
- private:
-   Loom::TrackedBy tracked_{memAllocationTracker_};
-   Loom::String cpuVendor_;
-   bool supported_ = false;
-   bool systemFused_ = false;
-   bool verifiedbootEnabled_ = false;
-   bool measuredbootEnabled_ = false;
-   bool devConfig_ = false;
-   VendorSpecific vendorSpecific_;
+   LOOM_ENTITY(FirstInstructionSecurity, SENTREL_FIRST_INSTRUCTION_SECURITY_ATTRS)
 };
 
 }  // namespace Sentrel

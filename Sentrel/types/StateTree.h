@@ -6,16 +6,25 @@
 
 namespace Sentrel {
 
-// The entities of the state database that the agent mounts or reads, in the
-// order they are reported, with their type names.
+// The entities of the state database that the agent mounts or reads, with
+// their type names and how the agent mounts them.
 struct StateTreeEntry {
    char const *path;
    char const *typeName;
-   bool status;  // written by the agent (the others are its inputs)
+   bool status;       // written by the agent (the others are its inputs)
+   char const *mode;  // the agent's mount: "w" writes, "r" only reads
+   bool inDir;        // mounted as the Loom::Dir that holds it, not itself
 };
+// In the order they are reported: the status entities, then the inputs.
 LOOM_API std::vector<StateTreeEntry> const &stateTree();
+// The same entries in the order the agent declares its mounts.
+LOOM_API std::vector<StateTreeEntry> const &stateTreeMounts();
 // The entry of a path, or null when the path is not in the state tree.
 LOOM_API StateTreeEntry const *stateTreeEntry(Loom::String const &path);
+// The entry of an entity type, or null.
+LOOM_API StateTreeEntry const *stateTreeEntryOfType(Loom::String const &typeName);
+// What the agent mounts for an entry.
+LOOM_API Ledger::Mount stateTreeMount(StateTreeEntry const &e);
 
 // Fills an entity manager with every entity of the state tree at its defaults.
 LOOM_API void stateTreeSeed(Ledger::EntityManager &em);
