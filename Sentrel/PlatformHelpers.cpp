@@ -1,9 +1,6 @@
 #include "Sentrel/PlatformHelpers.h"
 
-#include <cerrno>
 #include <cstdio>
-#include <fcntl.h>
-#include <unistd.h>
 #include <vector>
 
 #include "Sentrel/SentrelTrace.h"
@@ -13,39 +10,36 @@
 namespace Sentrel {
 
 bool runCmd(std::string const &command, String &output) {
-   int fds[2];
-   // Close-on-exec, so no other child inherits the pipe and holds it open.
-   if (pipe2(fds, O_CLOEXEC) != 0) {
-      TRACE2("Failed to open pipe, errno: " << errno);
+   Loom::CommandResult r = Loom::runCommandForOutput(command);
+   if (r.pipeError != 0) {
+      TRACE2("Failed to open pipe, errno: " << r.pipeError);
       return false;
    }
-   int const code = Loom::runCommand(command, Loom::kNoInput, fds[1], Loom::kDiscard);
-   close(fds[1]);
-   if (code != 0) {
-      TRACE2("Command " << command << " return error code: " << code);
-      close(fds[0]);
+   if (r.dropped != 0) {
+      TRACE2("Command " << command << " printed more than " << Loom::kMaxCommandOutput << " bytes: " << r.dropped
+                        << " dropped");
+   }
+   if (r.exitCode != 0) {
+      TRACE2("Command " << command << " return error code: " << r.exitCode);
       return false;
    }
-   output.clear();
-   char chunk[64];
-   ssize_t n;
-   while ((n = read(fds[0], chunk, sizeof chunk)) > 0) output.append(chunk, static_cast<std::size_t>(n));
-   if (n < 0) {
-      TRACE2("Failed to read from pipe, errno: " << errno);
-      close(fds[0]);
+   if (r.readError != 0) {
+      TRACE2("Failed to read from pipe, errno: " << r.readError);
       return false;
    }
+   output = std::move(r.output);
    while (!output.empty() && output.back() == '\n') output.pop_back();
-   close(fds[0]);
    return true;
 }
 
 bool parseJsonFile(char const *path, JsonDocument &document) {
-   std::FILE *f = std::fopen(path, "r");
+   std::FILE *f = std::fopen(path, "re");
    if (!f) return false;
    char buffer[256];
    rapidjson::FileReadStream stream(f, buffer, sizeof buffer);
-   document.ParseStream(stream);
+   // Iterative: however deep a file nests, it is well-formed or malformed,
+   // never deeper than the stack.
+   document.ParseStream<rapidjson::kParseIterativeFlag>(stream);
    if (document.HasParseError()) {
       // The handle is left open on a parse error, as designed; it is listed
       // so that it stays reachable rather than lost.
