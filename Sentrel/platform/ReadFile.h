@@ -9,7 +9,7 @@ namespace Loom {
 
 // A file read whole, up to a cap: input files are small, and one that is not
 // (a device, a link to /dev/zero, a log) is a wrong path, not input to wait for.
-struct FileText {
+struct LOOM_API FileText {
    String text;            // what was read; complete only when ok()
    int error = 0;          // errno of open or read
    bool folder = false;    // the path names a folder
