@@ -1,10 +1,7 @@
 #include "Sentrel/PlatformHelpers.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 #include <vector>
 
 #include "Sentrel/SentrelTrace.h"
@@ -24,35 +21,33 @@ String commandFailure(std::string const &command, int code) {
 }
 
 bool runCmd(std::string const &command, String &output, String *why) {
-   int fds[2];
-   // Close-on-exec, so no other child inherits the pipe and holds it open.
-   if (pipe2(fds, O_CLOEXEC) != 0) {
-      int const err = errno;
-      TRACE2("Failed to open pipe, errno: " << err);
-      if (why) *why = "cannot run " + command + ": no pipe: " + std::strerror(err);
+   Loom::CommandResult r = Loom::runCommandForOutput(command);
+   if (r.pipeError != 0) {
+      TRACE2("Failed to open pipe, errno: " << r.pipeError);
+      if (why) *why = "cannot run " + command + ": no pipe: " + std::strerror(r.pipeError);
       return false;
    }
-   int const code = Loom::runCommand(command, Loom::kNoInput, fds[1], Loom::kDiscard);
-   close(fds[1]);
-   if (code != 0) {
-      TRACE2("Command " << command << " return error code: " << code);
-      if (why) *why = commandFailure(command, code);
-      close(fds[0]);
+   if (r.dropped != 0) {
+      TRACE2("Command " << command << " printed more than " << Loom::kMaxCommandOutput << " bytes: " << r.dropped
+                        << " dropped");
+   }
+   if (r.exitCode != 0) {
+      TRACE2("Command " << command << " return error code: " << r.exitCode);
+      if (why) {
+         char deadline[32];
+         std::snprintf(deadline, sizeof deadline, "%g s", Loom::commandTimeout().count());
+         *why = r.timedOut ? command + " did not finish within " + deadline + " (--command-timeout) and was killed"
+                           : commandFailure(command, r.exitCode);
+      }
       return false;
    }
-   output.clear();
-   char chunk[64];
-   ssize_t n;
-   while ((n = read(fds[0], chunk, sizeof chunk)) > 0) output.append(chunk, static_cast<std::size_t>(n));
-   if (n < 0) {
-      int const err = errno;
-      TRACE2("Failed to read from pipe, errno: " << err);
-      if (why) *why = "cannot read the output of " + command + ": " + std::strerror(err);
-      close(fds[0]);
+   if (r.readError != 0) {
+      TRACE2("Failed to read from pipe, errno: " << r.readError);
+      if (why) *why = "cannot read the output of " + command + ": " + std::strerror(r.readError);
       return false;
    }
+   output = std::move(r.output);
    while (!output.empty() && output.back() == '\n') output.pop_back();
-   close(fds[0]);
    return true;
 }
 
@@ -64,7 +59,9 @@ bool parseJsonFile(char const *path, JsonDocument &document, int *openErr) {
    }
    char buffer[256];
    rapidjson::FileReadStream stream(f, buffer, sizeof buffer);
-   document.ParseStream(stream);
+   // Iterative: however deep a file nests, it is well-formed or malformed,
+   // never deeper than the stack.
+   document.ParseStream<rapidjson::kParseIterativeFlag>(stream);
    if (document.HasParseError()) {
       // A folder opens and fails on read: say so rather than "not JSON".
       if (openErr && std::ferror(f)) *openErr = errno ? errno : EIO;

@@ -1,12 +1,15 @@
 #include "host/Host.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <algorithm>
+#include <cstring>
 #include <dlfcn.h>
 #include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Sentrel/platform/Printable.h"
 #include "Sentrel/platform/RunCommand.h"
 #include "Sentrel/platform/Sysroot.h"
 #include "Sentrel/platform/Toggle.h"
@@ -54,6 +57,25 @@ String defaultAgentPath() {
    return access(installed.c_str(), F_OK) != 0 && access(built.c_str(), F_OK) == 0 ? built : installed;
 }
 
+// nullopt when `dir` is a folder, else what is wrong with it.
+std::optional<String> folderProblem(String const &dir) {
+   struct stat st {};
+   if (stat(dir.c_str(), &st) != 0) return String(std::strerror(errno));
+   if (!S_ISDIR(st.st_mode)) return String("not a folder");
+   return std::nullopt;
+}
+
+// Seconds as an operator writes them: 10, 2.5. Above 0 and at most a day.
+std::optional<double> parseSeconds(String const &text) {
+   if (text.empty() || text.find_first_not_of("0123456789.") != String::npos ||
+       text.find('.') != text.rfind('.') || text.front() == '.' || text.back() == '.') {
+      return std::nullopt;
+   }
+   double const s = std::strtod(text.c_str(), nullptr);
+   if (!(s > 0) || s > 86400) return std::nullopt;
+   return s;
+}
+
 String at(String const &file, std::size_t offset, String const &problem) {
    return file + ": byte " + std::to_string(offset) + ": " + problem;
 }
@@ -95,7 +117,27 @@ Host::Host(Options options) : options_(std::move(options)) {
    } else if (char const *env = std::getenv("SENTREL_TOGGLES_DIR")) {
       if (auto p = Loom::toggleDirProblem(env)) throw UsageError(String("SENTREL_TOGGLES_DIR ") + env + ": " + *p);
    }
-   if (options_.sysroot) Loom::sysrootIs(*options_.sysroot);
+   // A system root that is not there would make every file of it missing,
+   // and every reason made up.
+   if (options_.sysroot) {
+      if (!options_.sysroot->empty()) {
+         if (auto p = folderProblem(*options_.sysroot)) throw UsageError("--sysroot " + *options_.sysroot + ": " + *p);
+      }
+      Loom::sysrootIs(*options_.sysroot);
+   } else if (char const *env = std::getenv("SENTREL_SYSROOT"); env && *env) {
+      if (auto p = folderProblem(env)) throw UsageError(String("SENTREL_SYSROOT ") + env + ": " + *p);
+   }
+   std::optional<String> timeout = options_.commandTimeout;
+   char const *timeoutSource = "--command-timeout";
+   if (!timeout && std::getenv("SENTREL_COMMAND_TIMEOUT")) {
+      timeout = std::getenv("SENTREL_COMMAND_TIMEOUT"), timeoutSource = "SENTREL_COMMAND_TIMEOUT";
+   }
+   std::optional<double> seconds = timeout ? parseSeconds(*timeout) : 10.0;
+   if (!seconds) {
+      throw UsageError(String(timeoutSource) + " takes seconds above 0 and at most 86400, such as 10 or 2.5, not '" +
+                       *timeout + "'");
+   }
+   Loom::commandTimeoutIs(std::chrono::duration<double>(*seconds));
    std::optional<String> levels = options_.trace;
    char const *source = "--trace";
    if (!levels && std::getenv("SENTREL_TRACE")) levels = std::getenv("SENTREL_TRACE"), source = "SENTREL_TRACE";
@@ -110,7 +152,7 @@ Host::Host(Options options) : options_(std::move(options)) {
          traces_.push_back(r);
       } else {
          std::fprintf(stderr, "%s:%d %s [%s/%d] %s\n", r.source, r.line, r.function, r.facility.c_str(), r.level,
-                      r.text.c_str());
+                      Loom::printable(r.text).c_str());
       }
    });
    Loom::logSinkIs([this](Loom::LogRecord const &r) { logs_.push_back(r); });

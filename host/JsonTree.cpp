@@ -78,12 +78,16 @@ class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeB
    bool EndArray(rapidjson::SizeType) { return close(); }
 
    JsonNode root;
+   // Where nesting went deeper than kMaxJsonDepth, if it did.
+   std::optional<std::size_t> tooDeepAt;
 
  private:
-   std::size_t start() {
+   // The iterative reader reports a bracket before it takes it, so the event
+   // of a bracket ends just past it rather than where the stream is.
+   std::size_t start(bool bracket = false) {
       std::size_t i = last_;
       while (i < text_.size() && std::strchr(" \t\r\n,:", text_[i]) && text_[i] != '\0') ++i;
-      last_ = stream_.Tell();
+      last_ = bracket ? i + 1 : stream_.Tell();
       return i;
    }
    bool add(JsonNode n) {
@@ -105,7 +109,11 @@ class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeB
    }
    bool open(JsonNode::Type t) {
       JsonNode n{t};
-      n.offset = start();
+      n.offset = start(true);
+      if (stack_.size() >= Loom::kMaxJsonDepth) {
+         tooDeepAt = n.offset;
+         return false;
+      }
       place(std::move(n));
       JsonNode *added = stack_.empty() ? &root
                         : stack_.back()->type == JsonNode::Array ? &stack_.back()->items.back()
@@ -114,7 +122,7 @@ class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeB
       return true;
    }
    bool close() {
-      start();
+      start(true);
       stack_.pop_back();
       return true;
    }
@@ -136,8 +144,12 @@ std::optional<JsonNode> parseJson(String const &text, JsonError &error) {
    OffsetStream stream(text);
    TreeBuilder builder(text, stream);
    rapidjson::Reader reader;
-   auto const result =
-      reader.Parse<rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseValidateEncodingFlag>(stream, builder);
+   auto const result = reader.Parse<rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseValidateEncodingFlag |
+                                    rapidjson::kParseIterativeFlag>(stream, builder);
+   if (builder.tooDeepAt) {
+      error = {*builder.tooDeepAt, "nested deeper than " + std::to_string(Loom::kMaxJsonDepth) + " levels"};
+      return std::nullopt;
+   }
    if (result.IsError()) {
       error = {result.Offset(), rapidjson::GetParseError_En(result.Code())};
       return std::nullopt;

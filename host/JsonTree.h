@@ -34,7 +34,9 @@ struct JsonError {
    String message;
 };
 
-// Parses strict JSON (no comments, no trailing commas).
+// Parses strict JSON (no comments, no trailing commas), nested at most
+// Loom::kMaxJsonDepth levels: deeper is an error at the array or object that
+// goes too deep. Parsing and the tree's destruction stay within the stack.
 std::optional<JsonNode> parseJson(String const &text, JsonError &error);
 
 // A JSON string literal for any bytes: valid UTF-8 is kept byte for byte,

@@ -1,12 +1,14 @@
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include "Sentrel/platform/Printable.h"
+#include "Sentrel/platform/ReadFile.h"
 #include "host/Host.h"
 #include "host/OutputFile.h"
+#include "host/Output.h"
 
 namespace {
 
@@ -16,46 +18,34 @@ constexpr std::size_t kMaxInputBytes = std::size_t{16} << 20;
 
 // The whole of a file named on the command line, "-" being standard input.
 SentrelHost::String readAll(SentrelHost::String const &path, char const *what) {
-   auto fail = [&](SentrelHost::String const &problem) {
-      return SentrelHost::UsageError(std::string(what) + " " + path + ": " + problem);
-   };
-   int const fd = path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
-   if (fd < 0) throw fail(std::strerror(errno));
-   struct stat st {};
-   if (fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
-      close(fd);
-      throw fail("is a folder, not a file");
-   }
-   SentrelHost::String text;
-   char chunk[65536];
-   ssize_t n;
-   while ((n = read(fd, chunk, sizeof chunk)) != 0) {
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0 || text.size() + static_cast<std::size_t>(n) > kMaxInputBytes) {
-         int const err = errno;
-         if (fd != STDIN_FILENO) close(fd);
-         throw fail(n < 0 ? std::strerror(err) : "larger than 16 MiB");
-      }
-      text.append(chunk, static_cast<std::size_t>(n));
-   }
-   if (fd != STDIN_FILENO) close(fd);
-   return text;
+   Loom::FileText f = path == "-" ? Loom::readWholeFd(STDIN_FILENO, kMaxInputBytes)
+                                  : Loom::readWholeFile(path, kMaxInputBytes);
+   if (!f.ok()) throw SentrelHost::UsageError(std::string(what) + " " + path + ": " + f.problem());
+   return std::move(f.text);
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
    using namespace SentrelHost;
+   // First of all, before any file or socket is opened.
+   if (auto problem = secureStandardDescriptors()) {
+      std::fprintf(stderr, "sentrel: %s\n", problem->c_str());
+      return 2;
+   }
+   // A reader that stops early (| head) is then an EPIPE from write: the run
+   // ends quietly, with the status it would have had, as the reader chose to
+   // stop. Any other failed write loses the report: exit 2.
+   std::signal(SIGPIPE, SIG_IGN);
+   auto written = [](int err) {
+      if (err == 0 || err == EPIPE) return true;
+      std::fprintf(stderr, "sentrel: cannot write the report to standard output: %s\n", std::strerror(err));
+      return false;
+   };
    try {
       Options options = parseOptions(argc, argv);
-      if (options.help) {
-         std::fputs(kUsage, stdout);
-         return 0;
-      }
-      if (options.version) {
-         std::fputs("sentrel " SENTREL_VERSION "\n", stdout);
-         return 0;
-      }
+      if (options.help) return written(writeAll(STDOUT_FILENO, kUsage)) ? 0 : 2;
+      if (options.version) return written(writeAll(STDOUT_FILENO, "sentrel " SENTREL_VERSION "\n")) ? 0 : 2;
       std::optional<String> state, script;
       if (options.statePath) state = readAll(*options.statePath, "--state");
       if (options.scriptPath) script = readAll(*options.scriptPath, "--script");
@@ -71,22 +61,25 @@ int main(int argc, char **argv) {
       String out;
       if (script) host.runScript(*options.scriptPath == "-" ? "<stdin>" : *options.scriptPath, *script, out);
       out += host.report();
+      bool reported = true;
       if (options.outputPath) {
          writeFileAtomically(*options.outputPath, out);
       } else {
-         std::fwrite(out.data(), 1, out.size(), stdout);
-         std::fflush(stdout);
+         reported = written(writeAll(STDOUT_FILENO, out));
       }
       bool const unknown = !host.diagnostics().empty();
-      if (!host.shutDown()) return 3;
+      bool const clean = host.shutDown();
+      if (!reported) return 2;
+      if (!clean) return 3;
       if (options.failOnWarning && !host.logs().empty()) return 1;
       return options.failOnUnknown && unknown ? 4 : 0;
    } catch (UsageError const &e) {
-      std::fprintf(stderr, "sentrel: %s\n", e.what());
+      // Paths and values are echoed as they were given: no raw control bytes.
+      std::fprintf(stderr, "sentrel: %s\n", Loom::printable(e.what()).c_str());
       if (std::strncmp(e.what(), "unknown argument", 16) == 0) std::fputs(kUsage, stderr);
       return 2;
    } catch (std::exception const &e) {
-      std::fprintf(stderr, "sentrel: %s\n", e.what());
+      std::fprintf(stderr, "sentrel: %s\n", Loom::printable(e.what()).c_str());
       return 2;
    }
 }

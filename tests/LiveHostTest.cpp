@@ -25,6 +25,7 @@ char const kAmd[] = "Vendor ID:           AuthenticAMD";
 class LiveHost {
  public:
    LiveHost(std::map<String, String> const &files, String const &lscpu) {
+      std::filesystem::create_directories(sw.path() + "/root");
       for (auto const &[path, content] : files) {
          if (path.ends_with("/")) {
             std::filesystem::create_directories(sw.path() + "/root/" + path);

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <optional>
 
 #include "Sentrel/LogCatalogue.h"
 #include "Sentrel/PlatformHelpers.h"
@@ -26,6 +27,8 @@ TEST(RunCmd, ResultOutputAndTraces) {
       {"no-such-command-here", false, "untouched", "Command no-such-command-here return error code: 127"},
       {"kill -TERM $$", false, "untouched", "Command kill -TERM $$ return error code: 143"},
       {"head -c 70000 /dev/zero | tr '\\0' x | head -c 3", true, "xxx", nullptr},
+      {"head -c 1048600 /dev/zero | tr '\\0' x", true, Loom::String(1 << 20, 'x'),
+       "Command head -c 1048600 /dev/zero | tr '\\0' x printed more than 1048576 bytes: 24 dropped"},
    };
    for (auto const &c : cases) {
       SCOPED_TRACE(c.command);
@@ -64,17 +67,21 @@ TEST(ParseJsonFile, OnlyAWellFormedFileParses) {
    TempDir d;
    struct Case {
       char const *name;
-      char const *content;  // nullptr: no file
+      std::optional<Loom::String> content;  // none: no file
       bool ok;
    };
-   for (auto const &c : std::vector<Case>{{"missing", nullptr, false},
+   // However deep, a file is well-formed or malformed: the parser does not recurse.
+   Loom::String const deep(1000000, '[');
+   for (auto const &c : std::vector<Case>{{"missing", std::nullopt, false},
                                           {"invalid", "{\"a\": ", false},
                                           {"trailing comma", "{\"a\": 1,}", false},
                                           {"empty", "", false},
                                           {"object", "{\"a\": \"b\"}", true},
-                                          {"scalar", "3", true}}) {
+                                          {"scalar", "3", true},
+                                          {"a million levels, unclosed", deep, false},
+                                          {"a million levels", deep + Loom::String(deep.size(), ']'), true}}) {
       SCOPED_TRACE(c.name);
-      Loom::String const path = c.content ? d.file(c.name, c.content) : d.path() + "/missing";
+      Loom::String const path = c.content ? d.file(c.name, *c.content) : d.path() + "/missing";
       Sentrel::JsonDocument doc;
       EXPECT_EQ(Sentrel::parseJsonFile(path.c_str(), doc), c.ok);
    }

@@ -6,6 +6,10 @@
 #include "Sentrel/platform/Export.h"
 
 namespace Loom {
+// The deepest nesting of arrays and objects the project's JSON readers
+// accept. Real documents nest three or four levels; a deeper one is hostile,
+// and refusing it keeps every walk over a tree well within the stack.
+inline constexpr unsigned kMaxJsonDepth = 256;
 // Reports a broken precondition like assert(3) does and aborts, in every build type.
 [[noreturn]] LOOM_API void assertionFailed(char const *expr, char const *file, int line);
 }
