@@ -100,6 +100,39 @@ HostRun runHost(std::vector<String> const &args, std::vector<String> const &env,
    return {code, slurp(io.path() + "/out"), slurp(io.path() + "/err")};
 }
 
+FakeSwitch::FakeSwitch() {
+   sw.script("bin/lscpu", "echo 'Vendor ID:           TestVendor'\n");
+   sw.file("root/proc/cmdline", "ro Tarn=7.1 quiet\n");
+}
+
+HostRun FakeSwitch::run(std::vector<String> args, std::vector<String> env, String const &input) const {
+   args.insert(args.begin(), {"--sysroot", sw.path() + "/root"});
+   env.insert(env.begin(),
+              {"PATH=" + sw.path() + "/bin:" + std::getenv("PATH"), "SENTREL_TOGGLES_DIR=" + toggles.path()});
+   return runHost(args, env, input);
+}
+
+String FakeSwitch::state(String const &entities) const {
+   return sw.file("state.json", R"({"entities": {)" + entities + "}}");
+}
+
+rapidjson::Document parseJson(String const &text) {
+   rapidjson::Document d;
+   d.Parse(text.c_str(), text.size());
+   EXPECT_FALSE(d.HasParseError()) << text;
+   return d;
+}
+
+PublicationLog::PublicationLog(Loom::Entity const &e)
+    : reactor_(*this, &e, [this](unsigned a) { attrs.push_back(a); }) {
+   reactor_.subscribe();
+}
+
+Loom::TypeInfo const &PublicationLog::typeData() const {
+   static Loom::TypeInfo const t{"PublicationLog", {}, {}, nullptr};
+   return t;
+}
+
 Ptr<Ledger::EntityManager> seededLedger() {
    auto em = Loom::make<Ledger::EntityManager>();
    Sentrel::stateTreeSeed(*em);
