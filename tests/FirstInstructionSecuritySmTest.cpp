@@ -1,10 +1,8 @@
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <optional>
 #include <regex>
-#include <sstream>
 
 #include "Sentrel/FirstInstructionSecuritySm.h"
 #include "Sentrel/platform/Sysroot.h"
@@ -46,11 +44,6 @@ struct Platform {
       bin.file("hash.out", hash);
       bin.script("BootGuardUtil", "cd '" + bin.path() + "'\necho \"$2\" >> calls\ncase \"$2\" in\n"
                                   "--status) cat status.out;;\n--key-hash) cat hash.out;;\nesac\n");
-   }
-   String calls() const {
-      std::ostringstream s;
-      s << std::ifstream(bin.path() + "/calls").rdbuf();
-      return s.str();
    }
    Ptr<Sentrel::FirstInstructionSecuritySm> run() const {
       return Sentrel::FirstInstructionSecuritySm::FirstInstructionSecuritySmIs(em, fis);
@@ -171,7 +164,7 @@ TEST(FirstInstructionSecuritySm, FactsFromTheReaderOfTheVendor) {
       EXPECT_EQ(p.fis->cpuVendor(), c.vendor);
       EXPECT_EQ(p.flags(), c.flags);
       EXPECT_EQ(p.fis->vendorSpecific(), c.vendorSpecific);
-      EXPECT_EQ(p.calls(), c.calls);
+      EXPECT_EQ(slurp(p.bin.path() + "/calls"), c.calls);
       Strings want{"Logging CPU vendor ID: " + c.vendor};
       want.insert(want.end(), c.problems.begin(), c.problems.end());
       EXPECT_EQ(rec.traceTexts(2), want);

@@ -1,6 +1,4 @@
-#include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <set>
 #include <sstream>
 
@@ -131,8 +129,7 @@ TEST(SampleSwitch, ShowsEveryKindOfWarningOnIntelAndAmd) {
       String const cmd = String("SENTREL=") + SENTREL_HOST_PATH + " " SENTREL_SOURCE_DIR "/examples/run.sh " +
                          variant + " --no-syslog --format json >" + io.path() + "/out 2>&1";
       ASSERT_EQ(std::system(cmd.c_str()), 0);
-      std::ifstream in(io.path() + "/out");
-      String const out((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+      String const out = slurp(io.path() + "/out");
       auto d = parseJson(out.substr(out.find("\n{")));  // after the script's invoke line
       std::set<String> kinds;
       for (auto const &l : d["log"].GetArray()) kinds.insert(l["name"].GetString());

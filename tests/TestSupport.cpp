@@ -81,11 +81,12 @@ String quoted(String const &s) {
    for (char c : s) q += c == '\'' ? String("'\\''") : String(1, c);
    return q + "'";
 }
+}  // namespace
+
 String slurp(String const &path) {
    std::ifstream in(path, std::ios::binary);
    return String(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
-}  // namespace
 
 HostRun runHost(std::vector<String> const &args, std::vector<String> const &env, String const &input) {
    TempDir io;

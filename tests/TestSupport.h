@@ -40,6 +40,9 @@ class TempDir {
    String path_;
 };
 
+// The whole content of a file; empty when there is none.
+String slurp(String const &path);
+
 // Puts a directory first in PATH while it lives.
 class PathPrepend {
  public:
