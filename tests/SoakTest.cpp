@@ -28,19 +28,15 @@ TEST(Soak, TenThousandAgentsLeaveNothingBehind) {
    Loom::sysrootIs(sw.path());
    sw.file("sys/firmware/efi/efivars/PsbStatus-f64c554f-d43b-4c82-9e1e-c261e17f7a01", String(80, '\x11'));
    sw.file("proc/cmdline", "Tarn=1\n");
-   String const files = sw.path() + "/";
-   sw.file("features", "secureboot:26\n");
-   sw.file("banks", "sha256\n");
-   sw.file("boot", "PCRBANK=sha1\n");
-   sw.file("errors", "REQUIRED_PCR_NOT_CONFIGURED\n");
-
+   String const features = sw.file("features", "secureboot:26\n"), banks = sw.file("banks", "sha256\n"),
+                boot = sw.file("boot", "PCRBANK=sha1\n"), errors = sw.file("errors", "REQUIRED_PCR_NOT_CONFIGURED\n");
    auto cycle = [&] {
       auto em = seededLedger();
-      entityAt<Tarn::Features::Status>(*em, "tarn/features/status")->featuresFilePathIs(files + "features");
+      entityAt<Tarn::Features::Status>(*em, "tarn/features/status")->featuresFilePathIs(features);
       auto pcr = entityAt<Tarn::PcrConfig::Status>(*em, "tarn/pcrConfig/status");
-      pcr->requiredPcrBankFilePathIs(files + "banks");
-      pcr->configuredPcrBankFilePathIs(files + "boot");
-      pcr->errorLogFilePathIs(files + "errors");
+      pcr->requiredPcrBankFilePathIs(banks);
+      pcr->configuredPcrBankFilePathIs(boot);
+      pcr->errorLogFilePathIs(errors);
       auto sb = entityAt<Tarn::Secureboot::Status>(*em, "tarn/sb/status");
       sb->supportedIs(true);
       auto agent = Sentrel::agentFactory("Sentrel");

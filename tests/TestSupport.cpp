@@ -81,11 +81,12 @@ String quoted(String const &s) {
    for (char c : s) q += c == '\'' ? String("'\\''") : String(1, c);
    return q + "'";
 }
+}  // namespace
+
 String slurp(String const &path) {
    std::ifstream in(path, std::ios::binary);
    return String(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
-}  // namespace
 
 HostRun runHost(std::vector<String> const &args, std::vector<String> const &env, String const &input) {
    TempDir io;
@@ -98,6 +99,39 @@ HostRun runHost(std::vector<String> const &args, std::vector<String> const &env,
    int const status = std::system(cmd.c_str());
    int const code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
    return {code, slurp(io.path() + "/out"), slurp(io.path() + "/err")};
+}
+
+FakeSwitch::FakeSwitch() {
+   sw.script("bin/lscpu", "echo 'Vendor ID:           TestVendor'\n");
+   sw.file("root/proc/cmdline", "ro Tarn=7.1 quiet\n");
+}
+
+HostRun FakeSwitch::run(std::vector<String> args, std::vector<String> env, String const &input) const {
+   args.insert(args.begin(), {"--sysroot", sw.path() + "/root"});
+   env.insert(env.begin(),
+              {"PATH=" + sw.path() + "/bin:" + std::getenv("PATH"), "SENTREL_TOGGLES_DIR=" + toggles.path()});
+   return runHost(args, env, input);
+}
+
+String FakeSwitch::state(String const &entities) const {
+   return sw.file("state.json", R"({"entities": {)" + entities + "}}");
+}
+
+rapidjson::Document parseJson(String const &text) {
+   rapidjson::Document d;
+   d.Parse(text.c_str(), text.size());
+   EXPECT_FALSE(d.HasParseError()) << text;
+   return d;
+}
+
+PublicationLog::PublicationLog(Loom::Entity const &e)
+    : reactor_(*this, &e, [this](unsigned a) { attrs.push_back(a); }) {
+   reactor_.subscribe();
+}
+
+Loom::TypeInfo const &PublicationLog::typeData() const {
+   static Loom::TypeInfo const t{"PublicationLog", {}, {}, nullptr};
+   return t;
 }
 
 Ptr<Ledger::EntityManager> seededLedger() {

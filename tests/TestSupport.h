@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "Sentrel/platform/Json.h"
 #include "Sentrel/platform/Ledger.h"
 #include "Sentrel/platform/Log.h"
 #include "Sentrel/platform/Trace.h"
@@ -38,6 +39,9 @@ class TempDir {
  private:
    String path_;
 };
+
+// The whole content of a file; empty when there is none.
+String slurp(String const &path);
 
 // Puts a directory first in PATH while it lives.
 class PathPrepend {
@@ -79,6 +83,32 @@ struct HostRun {
 // process's environment), with `input` on standard input.
 HostRun runHost(std::vector<String> const &args, std::vector<String> const &env = {},
                 String const &input = "");
+
+// A switch for the built host: a system root (`root/`, with a kernel command
+// line), fake commands first in PATH (`bin/`, an lscpu of an unknown vendor)
+// and a toggle folder that leaves every toggle on.
+struct FakeSwitch {
+   FakeSwitch();
+   // `env` comes after the switch's own settings and wins; so does an option.
+   HostRun run(std::vector<String> args, std::vector<String> env = {}, String const &input = "") const;
+   // A state file holding `entities`, the members of its "entities" object.
+   String state(String const &entities) const;
+   TempDir sw, toggles;
+};
+
+// Parses a report, failing the test when it is not JSON.
+rapidjson::Document parseJson(String const &text);
+
+// Sees every change of one entity, by attribute, as it is published.
+class PublicationLog : public Loom::Node {
+ public:
+   explicit PublicationLog(Loom::Entity const &e);
+   Loom::TypeInfo const &typeData() const override;
+   std::vector<unsigned> attrs;
+
+ private:
+   Loom::Reactor reactor_;
+};
 
 // An entity manager holding every entity of the state tree at its defaults.
 Ptr<Ledger::EntityManager> seededLedger();
