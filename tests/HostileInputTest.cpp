@@ -37,17 +37,6 @@ String shellQuoted(String const &s) {
    return q + "'";
 }
 
-String slurp(String const &path) {
-   String text;
-   if (std::FILE *f = std::fopen(path.c_str(), "re")) {
-      char chunk[4096];
-      std::size_t n;
-      while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) text.append(chunk, n);
-      std::fclose(f);
-   }
-   return text;
-}
-
 class HostileInput : public testing::Test {
  protected:
    HostileInput() {

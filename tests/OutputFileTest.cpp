@@ -13,11 +13,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-String slurp(String const &path) {
-   std::ifstream in(path, std::ios::binary);
-   return String(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 std::set<String> namesIn(String const &dir) {
    std::set<String> names;
    for (auto const &e : fs::directory_iterator(dir)) names.insert(e.path().filename().string());
