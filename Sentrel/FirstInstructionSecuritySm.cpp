@@ -12,7 +12,7 @@
 #include "Sentrel/SentrelTrace.h"
 #include "Sentrel/platform/Reason.h"
 #include "Sentrel/platform/Sysroot.h"
-#include "Sentrel/platform/SystemFile.h"
+#include "Sentrel/platform/ReadFile.h"
 
 #define SENTREL_FIRST_INSTRUCTION_SECURITY_SM_OPS(X) \
    X(getCpuVendorId) X(getBootGuardStatus) X(getPsbStatus) X(handleInitialized)
@@ -196,35 +196,36 @@ void FirstInstructionSecuritySm::getPsbStatus() {
    auto &fis = *firstInstructionSecurity_;
    VendorSpecific value{std::in_place_index<1>, ModelRevisionId{0, 0}};
 
-   Loom::FileRead const file = Loom::readFile(kPsbStatusPath, true, kPsbStatusSize);
-   if (!file.data && file.err != EISDIR) {
+   Loom::FileText const file = Loom::readSystemFile(kPsbStatusPath, kPsbStatusSize);
+   if (file.error != 0) {
       TRACE2("Cannot open EFI variable file");
       bool efi = false;
-      if (file.err == ENOENT && (Loom::statSystemPath("/sys/firmware/efi", &efi) != 0 || !efi)) {
+      if (file.error == ENOENT && (Loom::statSystemPath("/sys/firmware/efi", &efi) != 0 || !efi)) {
          Loom::reasonIs(fis, kPsbFacts, "not booted through UEFI (/sys/firmware/efi does not exist), so there is no PsbStatus variable");
-      } else if (file.err == ENOENT) {
+      } else if (file.error == ENOENT) {
          Loom::reasonIs(fis, kPsbFacts, "no PsbStatus variable: the firmware does not publish the Platform Secure Boot state");
       } else {
-         Loom::reasonIs(fis, kPsbFacts, Loom::openFailure(kPsbStatusPath, file.err), Loom::openFailureHint(file.err));
+         Loom::reasonIs(fis, kPsbFacts, Loom::openFailure(kPsbStatusPath, file.error),
+                        Loom::openFailureHint(file.error));
       }
       fis.vendorSpecificIs(value);
       return;
    }
-   if (file.err == EISDIR) {
+   if (file.folder) {
       // A folder opens as a file does and reads nothing.
       TRACE2("Error, EFI variable file smaller than expected, Expected " << kPsbStatusSize
                                                                         << " bytes, but only 0 bytes were read");
-      Loom::reasonIs(fis, kPsbFacts, Loom::openFailure(kPsbStatusPath, file.err));
+      Loom::reasonIs(fis, kPsbFacts, Loom::readFailure(kPsbStatusPath, file));
       return;
    }
-   std::string const &data = *file.data;
+   std::string const &data = file.text;
    if (data.size() < kPsbStatusSize) {
       TRACE2("Error, EFI variable file smaller than expected, Expected "
              << kPsbStatusSize << " bytes, but only " << data.size() << " bytes were read");
       Loom::reasonIs(fis, kPsbFacts, "the PsbStatus variable holds " + std::to_string(data.size()) + " bytes, not 80");
       return;
    }
-   if (file.err == EFBIG) {
+   if (file.tooLarge) {
       TRACE2("Error, EFI variable file larger than expected size " << kPsbStatusSize);
       Loom::reasonIs(fis, kPsbFacts, "the PsbStatus variable holds more than 80 bytes");
       return;

@@ -7,7 +7,7 @@
 #include "Sentrel/SentrelTrace.h"
 #include "Sentrel/platform/Reason.h"
 #include "Sentrel/platform/RunCommand.h"
-#include "Sentrel/platform/SystemFile.h"
+#include "Sentrel/platform/ReadFile.h"
 #include "Sentrel/platform/Toggle.h"
 
 namespace Sentrel {
@@ -88,21 +88,21 @@ void inputFileReason(Loom::Entity const &entity, std::initializer_list<char cons
 
 std::optional<String> readInputFile(Loom::Entity const &entity, std::initializer_list<char const *> attrs,
                                     char const *pathAttr, String const &path, int &err) {
-   Loom::FileRead r = Loom::readFile(path, false);
-   err = path.empty() ? ENOENT : r.err;
-   if (!r.data || err == EISDIR) {
+   Loom::FileText r = Loom::readWholeFile(path, Loom::kMaxFileBytes);
+   err = path.empty() ? ENOENT : r.folder ? EISDIR : r.error;
+   if (err != 0) {
       inputFileReason(entity, attrs, pathAttr, path, err);
       // A folder opens as a file does and holds nothing.
       return err == EISDIR ? std::optional<String>(String()) : std::nullopt;
    }
-   if (err == EFBIG) {
+   if (r.tooLarge) {
       TRACE2("File " << path << " is larger than " << Loom::kMaxFileBytes << " bytes, read no further");
       Loom::reasonIs(entity, attrs,
                      path + " is larger than " + std::to_string(Loom::kMaxFileBytes >> 20) +
                         " MiB: only its beginning was read",
                      "");
    }
-   return std::move(r.data);
+   return std::move(r.text);
 }
 
 void toggleOffReason(Loom::Entity const &entity, std::initializer_list<char const *> attrs, char const *name,

@@ -12,7 +12,7 @@
 #include "Sentrel/LogCatalogue.h"
 #include "Sentrel/SentrelTrace.h"
 #include "Sentrel/PlatformHelpers.h"
-#include "Sentrel/platform/SystemFile.h"
+#include "Sentrel/platform/ReadFile.h"
 
 #define SENTREL_TARN_FEATURE_SM_OPS(X)                                                  \
    X(getRevisionFromFeaturesFile) X(populateSbOutdatedFromSbVersion) X(getRunningTarnVersion) \
@@ -124,13 +124,13 @@ Loom::String TarnFeatureSm::getRunningTarnVersion() {
    TRACE7("Loom::String Sentrel::TarnFeatureSm::getRunningTarnVersion()");
    static char const fallback[] = "This version of Tarn";
    // Bounded: the kernel's command line is a few kilobytes at most.
-   Loom::FileRead const cmdline = Loom::readFile("/proc/cmdline", true, 1 << 20);
+   Loom::FileText const cmdline = Loom::readSystemFile("/proc/cmdline", 1 << 20);
    // A folder opens as a file does and reads as empty.
-   if (!cmdline.data && cmdline.err != EISDIR) {
+   if (cmdline.error != 0) {
       TRACE2("Cannot open /proc/cmdline");
       return fallback;
    }
-   std::string const text = cmdline.data.value_or("");
+   std::string const &text = cmdline.text;
    std::string const line = text.substr(0, text.find('\n'));
    if (auto entry = searchTarnEntry(line)) return *entry;
    TRACE2("Cannot find Tarn version in /proc/cmdline");

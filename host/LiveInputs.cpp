@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 #include "Sentrel/platform/Sysroot.h"
-#include "Sentrel/platform/SystemFile.h"
+#include "Sentrel/platform/ReadFile.h"
 #include "Sentrel/types/HardwareSentrelConfig.h"
 #include "Sentrel/types/TarnSecurebootStatus.h"
 #include "host/UsageError.h"
@@ -117,26 +117,23 @@ class Reader {
    }
 
    void defaults() {
-      Loom::FileRead const r = Loom::readFile(kDefaultsFile, true);
-      if (!r.data && r.err == ENOENT) {
+      Loom::FileText const r = Loom::readSystemFile(kDefaultsFile);
+      if (r.error == ENOENT) {
          // No defaults: nothing to compare, which is known, not unknown.
          defaults_ = JsonNode(JsonNode::Null);
          return;
       }
-      if (!r.data || r.err != 0) {
-         if (r.err == EFBIG) {
-            throw UsageError(String(kDefaultsFile) + ": larger than " + std::to_string(Loom::kMaxFileBytes >> 20) +
-                             " MiB");
-         }
+      if (r.tooLarge) throw UsageError(String(kDefaultsFile) + ": " + r.problem());
+      if (!r.ok()) {
          defaults_ = JsonNode(JsonNode::Null);
-         String const why = "manufacturing defaults unknown: " + Loom::openFailure(kDefaultsFile, r.err);
-         out.reasons.push_back({nullptr, kDefaults, {}, why, Loom::openFailureHint(r.err)});
-         out.unknownInputs["manufacturing defaults"] = {why, Loom::openFailureHint(r.err)};
+         String const why = "manufacturing defaults unknown: " + Loom::readFailure(kDefaultsFile, r);
+         out.reasons.push_back({nullptr, kDefaults, {}, why, Loom::openFailureHint(r.error)});
+         out.unknownInputs["manufacturing defaults"] = {why, Loom::openFailureHint(r.error)};
          return;
       }
       // The operator's own file: a mistake in it stops the run, like one in --state.
       JsonError jerr;
-      auto root = parseJson(*r.data, jerr);
+      auto root = parseJson(r.text, jerr);
       if (!root) throw UsageError(String(kDefaultsFile) + ": byte " + std::to_string(jerr.offset) + ": " + jerr.message);
       if (root->type != JsonNode::Object) {
          throw UsageError(String(kDefaultsFile) + ": byte " + std::to_string(root->offset) +
@@ -159,8 +156,8 @@ class Reader {
          flags |= Sb::secureBootDisabledBit;
          return;
       }
-      Loom::FileRead const var = Loom::readFile(kSecureBootVar, true, 64);
-      if (!var.data && var.err == ENOENT) {
+      Loom::FileText const var = Loom::readSystemFile(kSecureBootVar, 64);
+      if (var.error == ENOENT) {
          int err = 0;
          if (mounted(kEfivars, err)) {
             // A mounted efivarfs without the variable: the firmware has none.
@@ -180,34 +177,33 @@ class Reader {
          return;
       }
       member(sb, "supported", boolNode(true));
-      if (!var.data || var.err != 0 || var.data->size() != kEfiAttributesSize + 1) {
+      if (var.error != 0 || var.folder || var.text.size() != kEfiAttributesSize + 1) {
          unknownBit(flags, Sb::secureBootDisabledBit, secureBootDefault_, false);
-         String const why = !var.data || (var.err != 0 && var.err != EFBIG)
-                               ? Loom::openFailure(kSecureBootVar, var.err)
+         String const why = var.error != 0 || var.folder
+                               ? Loom::readFailure(kSecureBootVar, var)
                                : "the SecureBoot variable holds " +
-                                    (var.err == EFBIG ? String("more than 64") : std::to_string(var.data->size())) +
+                                    (var.tooLarge ? String("more than 64") : std::to_string(var.text.size())) +
                                     " bytes, not 5";
-         unknown("secure boot", {"statusFlags"}, "secure boot state (bit 0) unknown: " + why, Loom::openFailureHint(var.err));
+         unknown("secure boot", {"statusFlags"}, "secure boot state (bit 0) unknown: " + why,
+                 Loom::openFailureHint(var.error));
          return;
       }
-      if ((*var.data)[kEfiAttributesSize] == 0) flags |= Sb::secureBootDisabledBit;
+      if (var.text[kEfiAttributesSize] == 0) flags |= Sb::secureBootDisabledBit;
    }
 
    void measuredBoot(JsonNode &sb, std::uint16_t &flags) {
       bool tpmDir = false;
       int const seen = Loom::statSystemPath(kTpm, &tpmDir);
       if (seen == ENOENT) return;  // no TPM: measured boot off, no banks
-      Loom::FileRead const version = Loom::readFile(kTpmVersion, true, 64);
+      Loom::FileText const version = Loom::readSystemFile(kTpmVersion, 64);
       bool tpm2 = false;
-      if (!version.data || version.err != 0) {
+      if (!version.ok()) {
          unknownBit(flags, Sb::measuredBootEnabledBit, measuredBootDefault_, true);
          unknown("measured boot", {"statusFlags"},
-                 "measured boot state (bit 5) unknown: " +
-                    (version.err == EFBIG ? String(kTpmVersion) + " holds more than 64 bytes"
-                                          : Loom::openFailure(kTpmVersion, version.err)),
-                 Loom::openFailureHint(version.err));
+                 "measured boot state (bit 5) unknown: " + Loom::readFailure(kTpmVersion, version),
+                 Loom::openFailureHint(version.error));
       } else {
-         tpm2 = version.data->substr(0, version.data->find_first_of(" \t\r\n")) == "2";
+         tpm2 = version.text.substr(0, version.text.find_first_of(" \t\r\n")) == "2";
          if (tpm2) eventLog(flags);
       }
       banks(sb, tpm2);
@@ -259,9 +255,8 @@ class Reader {
                               " exists): the machine's devices and firmware variables may not be visible here";
          }
       }
-      Loom::FileRead const cpuinfo = Loom::readFile(kCpuinfo, true, 1 << 20);
-      if (!cpuinfo.data) return;
-      String const text = "\n" + *cpuinfo.data;
+      Loom::FileText const cpuinfo = Loom::readSystemFile(kCpuinfo, 1 << 20);
+      String const text = "\n" + cpuinfo.text;
       std::size_t at = 0;
       while ((at = text.find("\nflags", at)) != String::npos) {
          ++at;

@@ -1,5 +1,7 @@
 #include "Sentrel/platform/ReadFile.h"
 
+#include "Sentrel/platform/Sysroot.h"
+
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -60,6 +62,17 @@ FileText readWholeFile(String const &path, std::size_t maxBytes) {
    FileText f = readWholeFd(fd, maxBytes);
    close(fd);
    return f;
+}
+
+FileText readSystemFile(char const *path, std::size_t maxBytes) {
+   return readWholeFile(sysrootPath(path), maxBytes);
+}
+
+int statSystemPath(char const *path, bool *dir) {
+   struct stat st {};
+   if (stat(sysrootPath(path).c_str(), &st) != 0) return errno;
+   if (dir) *dir = S_ISDIR(st.st_mode);
+   return 0;
 }
 
 }  // namespace Loom

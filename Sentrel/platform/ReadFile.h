@@ -24,6 +24,16 @@ struct LOOM_API FileText {
 // Reads the file at `path` (close-on-exec, never through a blocking open of a
 // FIFO: O_NONBLOCK is cleared once it is open).
 LOOM_API FileText readWholeFile(String const &path, std::size_t maxBytes);
+// Files read whole are small (a variable, a version, a JSON document): more
+// than this is a wrong path, not input.
+inline constexpr std::size_t kMaxFileBytes = std::size_t{16} << 20;
+
+// A fixed system file (/proc, /sys, /etc), read below the system root.
+LOOM_API FileText readSystemFile(char const *path, std::size_t maxBytes = kMaxFileBytes);
+// errno of stat(2) on a fixed system path below the system root, 0 when it
+// exists; `dir` tells whether it is a folder.
+LOOM_API int statSystemPath(char const *path, bool *dir = nullptr);
+
 // Reads an open descriptor to its end; it stays open.
 LOOM_API FileText readWholeFd(int fd, std::size_t maxBytes);
 

@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Sentrel/platform/ReadFile.h"
+
 namespace Loom {
 
 namespace {
@@ -34,13 +36,16 @@ String openFailure(String const &file, int err) {
    return "cannot open " + file + ": " + std::strerror(err);
 }
 
+String readFailure(String const &file, FileText const &read) {
+   if (read.folder || read.tooLarge) return file + " " + read.problem();
+   return openFailure(file, read.error);
+}
+
 String openFailureHint(int err) { return err == EACCES || err == EPERM ? "run as root" : ""; }
 
 }  // namespace Loom
 
 #include <sys/utsname.h>
-
-#include "Sentrel/platform/SystemFile.h"
 
 namespace Loom {
 
@@ -49,8 +54,8 @@ String kernelModuleHint(char const *module) {
    if (statSystemPath("/proc/modules") != 0) {
       return String("this kernel cannot load modules and has no ") + module + " driver built in";
    }
-   auto const disabled = readFile("/proc/sys/kernel/modules_disabled", true, 64);
-   if (disabled.data && !disabled.data->empty() && disabled.data->front() == '1') {
+   auto const disabled = readSystemFile("/proc/sys/kernel/modules_disabled", 64);
+   if (disabled.ok() && disabled.text.starts_with('1')) {
       return String("module loading is disabled on this machine (kernel.modules_disabled=1): load ") + module +
              " at boot";
    }
@@ -59,12 +64,11 @@ String kernelModuleHint(char const *module) {
       String const dir = String("/lib/modules/") + u.release;
       bool isDir = false;
       if (statSystemPath(dir.c_str(), &isDir) == 0 && isDir) {
-         auto const builtin = readFile(dir + "/modules.builtin", true);
-         auto const deps = readFile(dir + "/modules.dep", true);
+         auto const builtin = readSystemFile((dir + "/modules.builtin").c_str());
+         auto const deps = readSystemFile((dir + "/modules.dep").c_str());
          String const file = String("/") + module + ".ko";
-         bool const known = (deps.data && deps.data->find(file) != String::npos) ||
-                            (builtin.data && builtin.data->find(file) != String::npos);
-         if (deps.data && !known) return String("this kernel has no ") + module + " driver";
+         bool const known = deps.text.find(file) != String::npos || builtin.text.find(file) != String::npos;
+         if (deps.ok() && !known) return String("this kernel has no ") + module + " driver";
       }
    }
    return String("load the ") + module + " kernel module: modprobe " + module;

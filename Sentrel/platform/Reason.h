@@ -10,6 +10,7 @@
 namespace Loom {
 
 class Entity;
+struct FileText;
 
 // Why facts could not be read, reported where the reading fails: the agent's
 // machines name the entity they publish, an input provider names a path.
@@ -30,6 +31,9 @@ LOOM_API void reasonAt(String const &path, std::initializer_list<char const *> a
 
 // "cannot open FILE: No such file or directory", naming the file as given.
 LOOM_API String openFailure(String const &file, int err);
+// Why reading FILE whole gave nothing usable: "cannot open FILE: ...",
+// "FILE is a folder, not a file", "FILE is larger than 16 MiB".
+LOOM_API String readFailure(String const &file, FileText const &read);
 // The hint for an open failure: "run as root" for a permission error, else empty.
 LOOM_API String openFailureHint(int err);
 
