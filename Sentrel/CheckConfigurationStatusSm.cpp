@@ -3,7 +3,7 @@
 #include <cstdint>
 
 #include "Sentrel/LogCatalogue.h"
-#include "Sentrel/PlatformHelpers.h"
+#include "Sentrel/Toggles.h"
 #include "Sentrel/SentrelTrace.h"
 #include "Sentrel/platform/Reason.h"
 

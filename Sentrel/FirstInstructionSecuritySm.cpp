@@ -8,7 +8,8 @@
 #include <cctype>
 #include <unistd.h>
 
-#include "Sentrel/PlatformHelpers.h"
+#include "Sentrel/CommandRunning.h"
+#include "Sentrel/Toggles.h"
 #include "Sentrel/SentrelTrace.h"
 #include "Sentrel/platform/Reason.h"
 #include "Sentrel/platform/Sysroot.h"

@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <fstream>
 
-#include "Sentrel/PlatformHelpers.h"
+#include "Sentrel/FileReading.h"
 #include "Sentrel/SentrelTrace.h"
 #include "Sentrel/platform/Reason.h"
 

@@ -3,7 +3,8 @@
 #include <type_traits>
 
 #include "Sentrel/LogCatalogue.h"
-#include "Sentrel/PlatformHelpers.h"
+#include "Sentrel/Toggles.h"
+#include "Sentrel/platform/Json.h"
 #include "Sentrel/SentrelTrace.h"
 #include "Sentrel/types/StateTree.h"
 

@@ -11,7 +11,7 @@
 
 #include "Sentrel/LogCatalogue.h"
 #include "Sentrel/SentrelTrace.h"
-#include "Sentrel/PlatformHelpers.h"
+#include "Sentrel/FileReading.h"
 #include "Sentrel/platform/ReadFile.h"
 
 #define SENTREL_TARN_FEATURE_SM_OPS(X)                                                  \

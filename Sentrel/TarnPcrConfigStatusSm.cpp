@@ -5,7 +5,8 @@
 #include <string_view>
 
 #include "Sentrel/LogCatalogue.h"
-#include "Sentrel/PlatformHelpers.h"
+#include "Sentrel/FileReading.h"
+#include "Sentrel/Toggles.h"
 #include "Sentrel/SentrelTrace.h"
 
 #define SENTREL_TARN_PCR_CONFIG_STATUS_SM_OPS(X)                                            \

@@ -9,7 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Sentrel/PlatformHelpers.h"
+#include "Sentrel/CommandRunning.h"
 #include "Sentrel/platform/RunCommand.h"
 
 namespace {

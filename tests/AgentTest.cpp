@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <tuple>
 
-#include "Sentrel/PlatformHelpers.h"
+#include "Sentrel/Toggles.h"
 #include "Sentrel/platform/Toggle.h"
 #include "Sentrel/SentrelAgent.h"
 #include "TestSupport.h"

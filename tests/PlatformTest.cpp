@@ -2,7 +2,9 @@
 #include <optional>
 
 #include "Sentrel/LogCatalogue.h"
-#include "Sentrel/PlatformHelpers.h"
+#include "Sentrel/CommandRunning.h"
+#include "Sentrel/FileReading.h"
+#include "Sentrel/Toggles.h"
 #include "Sentrel/platform/RunCommand.h"
 #include "Sentrel/platform/StateMachine.h"
 #include "Sentrel/platform/Toggle.h"
