@@ -281,6 +281,11 @@ String onOff(bool on) { return on ? "on" : "off"; }
 
 }  // namespace
 
+bool inInputsBlock(String const &entity, String const &attribute) {
+   if (entity == kDefaults) return attribute.empty();
+   return entity == kSbStatus && (attribute == "supported" || attribute == "statusFlags" || attribute == "enabledPcrBank");
+}
+
 String inputsText(Ledger::EntityManager const &em, std::map<String, std::pair<String, String>> const &unknown) {
    std::vector<std::pair<String, String>> lines;
    auto sb = Loom::ptrCast<Sb const>(em.lookup(kSbStatus));

@@ -35,6 +35,9 @@ struct LiveInputs {
 String inputsText(Ledger::EntityManager const &em,
                   std::map<String, std::pair<String, String>> const &unknown);
 
+// Whether the reason for this fact of an input is told by inputsText.
+bool inInputsBlock(String const &entity, String const &attribute);
+
 // Reads the inputs; a malformed or oversized defaults file is a UsageError
 // naming it and the byte offset.
 LiveInputs readLiveInputs();

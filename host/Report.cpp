@@ -157,10 +157,7 @@ String Host::report() const {
       Diagnostic const *previous = nullptr;
       for (auto const &d : diags) {
          auto const *entry = Sentrel::stateTreeEntry(d.entity);
-         if ((entry && entry->status) || d.attribute == "statusFlags" || d.attribute == "enabledPcrBank" ||
-             d.attribute == "supported" || (d.entity == kDefaults && d.attribute.empty())) {
-            continue;
-         }
+         if ((entry && entry->status) || inInputsBlock(d.entity, d.attribute)) continue;
          out += "  " + d.entity + (d.attribute.empty() ? "" : " " + d.attribute) + "\n";
          reasonText(out, 4, d, previous && previous->entity == d.entity ? previous : nullptr);
          previous = &d;
