@@ -22,15 +22,10 @@ TEST(RunCmd, ResultOutputAndTraces) {
    };
    std::vector<Case> const cases{
       {"printf 'abc\\n\\n'", true, "abc", nullptr},
-      {"true", true, "", nullptr},
       {"printf '\\n\\n\\n'", true, "", nullptr},
       {"printf 'a\\r\\n b \\n'", true, "a\r\n b ", nullptr},
       {"echo printed; exit 3", false, "untouched", "Command echo printed; exit 3 return error code: 3"},
-      {"no-such-command-here", false, "untouched", "Command no-such-command-here return error code: 127"},
       {"kill -TERM $$", false, "untouched", "Command kill -TERM $$ return error code: 143"},
-      {"head -c 70000 /dev/zero | tr '\\0' x | head -c 3", true, "xxx", nullptr},
-      {"head -c 1048600 /dev/zero | tr '\\0' x", true, Loom::String(1 << 20, 'x'),
-       "Command head -c 1048600 /dev/zero | tr '\\0' x printed more than 1048576 bytes: 24 dropped"},
    };
    for (auto const &c : cases) {
       SCOPED_TRACE(c.command);
@@ -54,9 +49,7 @@ TEST(RunCommand, ResultCodesAreTheShells) {
    // Plain words are spawned directly, the rest through the shell: same codes.
    for (auto const &c : std::vector<Case>{{"false", 1},
                                           {"no-such-command-here", 127},
-                                          {"no-such-command-here arg", 127},
                                           {"exit 9", 9},
-                                          {"sh -c 'exit 5'", 5},
                                           {"not-executable", 126},
                                           {"no-shebang", 4},
                                           {"/bin/sh -c 'kill -KILL $$'", 137}}) {
@@ -65,28 +58,14 @@ TEST(RunCommand, ResultCodesAreTheShells) {
    }
 }
 
-TEST(ParseJsonFile, OnlyAWellFormedFileParses) {
+// Missing and malformed files are proved through the measured boot version.
+TEST(ParseJsonFile, AnyDepthParsesWithoutRecursing) {
    TempDir d;
-   struct Case {
-      char const *name;
-      std::optional<Loom::String> content;  // none: no file
-      bool ok;
-   };
-   // However deep, a file is well-formed or malformed: the parser does not recurse.
    Loom::String const deep(1000000, '[');
-   for (auto const &c : std::vector<Case>{{"missing", std::nullopt, false},
-                                          {"invalid", "{\"a\": ", false},
-                                          {"trailing comma", "{\"a\": 1,}", false},
-                                          {"empty", "", false},
-                                          {"object", "{\"a\": \"b\"}", true},
-                                          {"scalar", "3", true},
-                                          {"a million levels, unclosed", deep, false},
-                                          {"a million levels", deep + Loom::String(deep.size(), ']'), true}}) {
-      SCOPED_TRACE(c.name);
-      Loom::String const path = c.content ? d.file(c.name, *c.content) : d.path() + "/missing";
-      Sentrel::JsonDocument doc;
-      EXPECT_EQ(Sentrel::parseJsonFile(path.c_str(), doc), c.ok);
-   }
+   Sentrel::JsonDocument doc;
+   EXPECT_FALSE(Sentrel::parseJsonFile(d.file("unclosed", deep).c_str(), doc));
+   EXPECT_TRUE(Sentrel::parseJsonFile(d.file("closed", deep + Loom::String(deep.size(), ']')).c_str(), doc));
+   EXPECT_FALSE(Sentrel::parseJsonFile(d.file("empty", "").c_str(), doc));
 }
 
 TEST(Toggles, FileNameAndDefault) {
@@ -104,7 +83,6 @@ TEST(Toggles, FileNameAndDefault) {
    for (auto const &c : std::vector<Case>{{"On", "Good.json", false, 1},
                                           {"Off", "Good.json", true, 0},
                                           {"Absent", "Good.json", true, 1},
-                                          {"Absent", "Good.json", false, 0},
                                           {"Number", "Good.json", true, 1},
                                           {"On", "Missing.json", false, 0},
                                           {"On", "Bad.json", true, 1},
@@ -133,8 +111,7 @@ TEST(TraceLevels, Parse) {
       char const *text;
       std::optional<unsigned> mask;
    };
-   for (auto const &c : std::vector<Case>{{"2", 0x4},
-                                          {"2,7", 0x84},
+   for (auto const &c : std::vector<Case>{{"2,7", 0x84},
                                           {"0-9", 0x3ff},
                                           {"", 0},
                                           {"1-3,9", 0x20e},
@@ -157,24 +134,15 @@ TEST(Log, CatalogueLiesInOrderInItsSection) {
    EXPECT_STREQ(Sentrel::TARN_DEPRECATION_WARNING_DESC.recommendedAction, "\x02");
 }
 
-TEST(Log, FormatsAndRateLimitsOnTheLeadingArguments) {
+TEST(Log, AHandleKeyedOnItsFirstArgumentLetsOneMessageAKeyThroughPerInterval) {
    Recorder rec;
-   Loom::log(Sentrel::SENTREL_WARNING, "Secure boot", "disabled", "enabled");
-   Loom::log(Sentrel::SENTREL_WARNING, "Secure boot", "disabled", "enabled");
-   ASSERT_EQ(rec.logs().size(), 2u);  // interval 0 never suppresses
-   EXPECT_EQ(rec.logs()[0].name, "SENTREL_WARNING");
-   EXPECT_EQ(rec.logs()[0].severity, 4);
-   EXPECT_EQ(rec.logs()[0].text, "Secure boot is currently disabled (default: enabled)");
-
-   // A handle keyed on its first argument lets one message a key through per interval.
    Loom::LogHandle limited(Sentrel::SENTREL_WARNING_DESC, std::chrono::hours(1), 2.0, 1, 0);
    EXPECT_EQ(limited.rateLimitArgCount(3), 1u);
    Loom::log(limited, "a", "x", "y");
    Loom::log(limited, "a", "other", "args");
    Loom::log(limited, Loom::String("b"), "x", "y");
    EXPECT_EQ(rec.logTexts(),
-             (std::vector<Loom::String>{rec.logs()[0].text, rec.logs()[0].text, "a is currently x (default: y)",
-                                        "b is currently x (default: y)"}));
+             (std::vector<Loom::String>{"a is currently x (default: y)", "b is currently x (default: y)"}));
 }
 
 namespace {
@@ -232,32 +200,18 @@ TEST(Notification, OnChangeOnlyInOrderAndSafeAgainstChangesDuringDelivery) {
    EXPECT_EQ(sb->subscriberCount(), 0u);
 }
 
-TEST(Notification, SwitchingNotificationsSubscribesAndUnsubscribes) {
-   auto sb = Loom::make<Tarn::Secureboot::Status>();
-   auto w = Loom::make<Watcher>(sb.ptr());
-   w->hasNotificationActiveIs(true);
-   w->hasNotificationActiveIs(false);
-   EXPECT_EQ(sb->subscriberCount(), 0u);
-   w->hasNotificationActiveIs(true);
-   EXPECT_EQ(sb->subscriberCount(), 1u);
-   EXPECT_FALSE(w->zombie());
-}
-
 TEST(Notification, AReactorGivenAttributesSeesChangesOfThoseOnly) {
    using A = Tarn::Secureboot::Status::Attr;
-   for (std::vector<unsigned> const &attrs :
-        std::vector<std::vector<unsigned>>{{A::ready}, {A::supported, A::enabledPcrBank}}) {
-      auto sb = Loom::make<Tarn::Secureboot::Status>();
-      auto w = Loom::make<Watcher>(nullptr);
-      std::vector<unsigned> seen;
-      Loom::Reactor r(*w, sb.ptr(), attrs, [&](unsigned a) { seen.push_back(a); });
-      r.subscribe();
-      sb->supportedIs(true);
-      sb->readyIs(true);
-      sb->statusFlagsIs(33);
-      sb->enabledPcrBankIs("sha256");
-      EXPECT_EQ(seen, attrs);
-   }
+   auto sb = Loom::make<Tarn::Secureboot::Status>();
+   auto w = Loom::make<Watcher>(nullptr);
+   std::vector<unsigned> seen;
+   Loom::Reactor r(*w, sb.ptr(), {A::supported, A::enabledPcrBank}, [&](unsigned a) { seen.push_back(a); });
+   r.subscribe();
+   sb->supportedIs(true);
+   sb->readyIs(true);
+   sb->statusFlagsIs(33);
+   sb->enabledPcrBankIs("sha256");
+   EXPECT_EQ(seen, (std::vector<unsigned>{A::supported, A::enabledPcrBank}));
 }
 
 namespace {
@@ -297,16 +251,8 @@ TEST(StateMachine, NotificationsGoOnOnceTheCreatorHasBuiltTheMachine) {
    EXPECT_EQ(built->reactions, 0);
 }
 
-TEST(StateMachine, TheLastReferenceSwitchesOffAndMakesZombiesBeforeDestruction) {
-   auto sb = Loom::make<Tarn::Secureboot::Status>();
-   std::pair<bool, bool> seen{true, false};
-   auto sm = Loom::stateMachineNew<Probe>(sb.ptr());
-   sm->destroyed = &seen;
-   sm = nullptr;
-   EXPECT_EQ(seen, std::make_pair(false, true));
-   EXPECT_EQ(sb->subscriberCount(), 0u);
-}
-
+// The last reference switches a machine off and makes it a zombie before its
+// destruction, even from inside a delivery, which goes on to the others.
 TEST(StateMachine, AMachineDroppedDuringADeliveryGoesAndTheDeliveryGoesOn) {
    auto sb = Loom::make<Tarn::Secureboot::Status>();
    std::pair<bool, bool> secondGone{true, false}, firstGone{true, false};
@@ -334,15 +280,12 @@ TEST(PtrDeathTest, NullDereferenceAbortsNamingTheType) {
    EXPECT_DEATH((void)none->supported(), "null Ptr<Tarn::Secureboot::Status> dereferenced");
 }
 
-TEST(Ledger, PathsDirectoriesAndMountCompletion) {
+TEST(Ledger, PathsDirectoriesAndMountFlags) {
    auto em = seededLedger();
    EXPECT_EQ(Ledger::Cell::path("/tarn//sb/status/", 0), "tarn/sb/status");
    EXPECT_TRUE(em->lookup("tarn/sb/status"));
    EXPECT_TRUE(Loom::ptrCast<Loom::Dir>(em->lookup("hardware/sentrel/config")));
    EXPECT_FALSE(em->lookup("tarn/sb/status/deeper"));
-   em->entityDel("hardware/sentrel/config/sentrel");
-   EXPECT_FALSE(em->lookup("hardware/sentrel/config/sentrel"));
-   EXPECT_TRUE(em->lookup("hardware/sentrel/config"));
 
    Ledger::MountFlags f;
    EXPECT_TRUE(f.parse("r"));
