@@ -25,7 +25,6 @@ char const kAmd[] = "Vendor ID:           AuthenticAMD";
 class LiveHost {
  public:
    LiveHost(std::map<String, String> const &files, String const &lscpu) {
-      std::filesystem::create_directories(sw.path() + "/root");
       for (auto const &[path, content] : files) {
          if (path.ends_with("/")) {
             std::filesystem::create_directories(sw.path() + "/root/" + path);
@@ -33,6 +32,7 @@ class LiveHost {
             sw.file("root/" + path, content);
          }
       }
+      std::filesystem::create_directories(sw.path() + "/root");
       std::filesystem::create_directories(sw.path() + "/bin");
       if (!lscpu.empty()) sw.script("bin/lscpu", "printf '%s\\n' '" + lscpu + "'\n");
    }
@@ -46,13 +46,6 @@ class LiveHost {
 
    TempDir sw, toggles;
 };
-
-rapidjson::Document parse(String const &text) {
-   rapidjson::Document d;
-   d.Parse(text.c_str(), text.size());
-   EXPECT_FALSE(d.HasParseError()) << text;
-   return d;
-}
 
 // The diagnostics as "entity attribute: reason [hint]".
 std::vector<String> reasons(rapidjson::Value const &diags, String const &prefix = "") {
@@ -114,7 +107,7 @@ TEST(LiveHost, InputsAreOnOffOrUnknownAndOnlyTheKnownAreWarnedAbout) {
       LiveHost host(c.files, "Vendor ID: TestVendor");
       auto const r = host.run({"--format", "json"});
       ASSERT_EQ(r.exitCode, 0) << r.err;
-      auto d = parse(r.out);
+      auto d = parseJson(r.out);
       auto const &sb = d["entities"]["tarn/sb/status"];
       EXPECT_EQ(sb["statusFlags"].GetUint(), c.flags);
       EXPECT_EQ(sb["supported"].GetBool(), c.supported);
@@ -202,7 +195,7 @@ TEST(LiveHost, EveryReasonKindNamesTheFactTheCauseAndWhatToDo) {
       ASSERT_EQ(r.exitCode, 0) << r.err;
       String expected = c.expected;
       if (auto at = expected.find("SW/"); at != String::npos) expected.replace(at, 2, host.sw.path());
-      auto const found = reasons(parse(r.out)["diagnostics"]);
+      auto const found = reasons(parseJson(r.out)["diagnostics"]);
       EXPECT_TRUE(std::any_of(found.begin(), found.end(), [&](String const &f) { return f.starts_with(expected); }))
          << expected << "\nin\n" << ::testing::PrintToString(found);
    }
@@ -211,7 +204,7 @@ TEST(LiveHost, EveryReasonKindNamesTheFactTheCauseAndWhatToDo) {
 TEST(LiveHost, StateAloneLeavesTheInputsUnfilledAndSaysSo) {
    LiveHost host({}, kIntel);
    String const state = host.sw.file("s.json", R"({"entities": {}})");
-   auto d = parse(host.run({"--state", state, "--format", "json"}).out);
+   auto d = parseJson(host.run({"--state", state, "--format", "json"}).out);
    String const notCompared =
       ": not ready, so secure boot and measured boot were not compared with the manufacturing defaults []";
    EXPECT_EQ(reasons(d["diagnostics"], "tarn/sb"), std::vector<String>{"tarn/sb/status ready" + notCompared});
@@ -242,15 +235,6 @@ TEST(LiveHost, TextReportAnswersTheOperatorsQuestions) {
    EXPECT_TRUE(r.out.ends_with("\n0 warnings, 18 unknown facts\n")) << r.out;
 }
 
-// The agent's commands run in the C locale, whatever the caller's.
-TEST(LiveHost, TranslatedLscpuIsReadInTheCLocale) {
-   LiveHost host({}, "");
-   host.sw.script("bin/lscpu", "if [ \"$LC_ALL\" = C ]; then echo 'Vendor ID: GenuineIntel'; "
-                               "else echo 'Anbieterkennung: GenuineIntel'; fi\n");
-   auto d = parse(host.run({"--format", "json"}, {"LC_ALL=de_DE.UTF-8", "LANG=de_DE.UTF-8"}).out);
-   EXPECT_STREQ(d["entities"]["sentrel/firstInstructionSecurity"]["cpuVendor"].GetString(), "GenuineIntel");
-}
-
 TEST(LiveHost, MalformedDefaultsFileIsAnUnusableInput) {
    LiveHost host({{kDefaults, R"({"secureBootEnabled": 1})"}}, kIntel);
    auto r = host.run({});
@@ -268,7 +252,7 @@ TEST(LiveHostToggleOff, FactsLeftEmptyByAToggleSayWhich) {
    TempDir root;
    auto const r = runHost({"--sysroot", root.path(), "--format", "json"});
    ASSERT_EQ(r.exitCode, 0) << r.err;
-   auto d = parse(r.out);
+   auto d = parseJson(r.out);
    auto const found = reasons(d["diagnostics"]);
    for (String const &expected :
         {"sentrel/firstInstructionSecurity cpuVendor: the feature toggle PlatformFirstInstructionSecurity is off (" +
