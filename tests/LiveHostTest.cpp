@@ -137,7 +137,7 @@ TEST(LiveHost, EveryReasonKindNamesTheFactTheCauseAndWhatToDo) {
       char const *name;
       std::map<String, String> files;  // below the system root
       String lscpu;
-      std::map<String, String> state;  // attribute values of --state, by "entity attribute"
+      String state;                    // "entity attribute=value" set by --state
       String expected;                 // prefix of one diagnostic line
    };
    std::vector<Case> const cases{
@@ -158,20 +158,20 @@ TEST(LiveHost, EveryReasonKindNamesTheFactTheCauseAndWhatToDo) {
       {"virtual machine", {{"proc/cpuinfo", "processor\t: 0\nflags\t\t: fpu hypervisor\n"}}, kAmd, {},
        fis + "running in a virtual machine (the CPU flags include hypervisor): first-instruction security is the "
              "host's and is not visible here; not booted through UEFI"},
-      {"features file missing", {}, kIntel, {{"tarn/features/status featuresFilePath", "missing"}},
+      {"features file missing", {}, kIntel, "tarn/features/status featuresFilePath=missing",
        "tarn/features/status featureRev: cannot open SW/missing: No such file or directory [set featuresFilePath if the "
        "file is elsewhere]"},
-      {"features file a folder", {}, kIntel, {{"tarn/features/status featuresFilePath", "."}},
+      {"features file a folder", {}, kIntel, "tarn/features/status featuresFilePath=.",
        "tarn/features/status featureRev: SW/. is a folder, not a file [set featuresFilePath"},
-      {"version file empty", {}, kIntel, {{"sentrel/measuredBootVersion tarnVersionFilePath", "empty"}},
+      {"version file empty", {}, kIntel, "sentrel/measuredBootVersion tarnVersionFilePath=empty",
        "sentrel/measuredBootVersion tarn: SW/empty is empty or its first line is 64 characters or longer []"},
-      {"image version not JSON", {}, kIntel, {{"sentrel/measuredBootVersion vexoVersionFilePath", "empty"}},
+      {"image version not JSON", {}, kIntel, "sentrel/measuredBootVersion vexoVersionFilePath=empty",
        "sentrel/measuredBootVersion vexo: SW/empty is not valid JSON: The document is empty. (byte 0) []"},
-      {"image version without the member", {}, kIntel, {{"sentrel/measuredBootVersion vexoVersionFilePath", "obj"}},
+      {"image version without the member", {}, kIntel, "sentrel/measuredBootVersion vexoVersionFilePath=obj",
        "sentrel/measuredBootVersion vexo: SW/obj has no \"measuredBootVersion\" member []"},
-      {"boot config missing", {}, kIntel, {{"tarn/pcrConfig/status configuredPcrBankFilePath", "missing"}},
+      {"boot config missing", {}, kIntel, "tarn/pcrConfig/status configuredPcrBankFilePath=missing",
        "tarn/pcrConfig/status configuredPcrBank: cannot open SW/missing"},
-      {"error log a folder", {}, kIntel, {{"tarn/pcrConfig/status errorLogFilePath", "."}},
+      {"error log a folder", {}, kIntel, "tarn/pcrConfig/status errorLogFilePath=.",
        "tarn/pcrConfig/status requiredPcrNotConfigured: SW/. is a folder"},
       {"defaults unreadable", {{kDefaults + "/", ""}}, kIntel, {},
        "hardware/sentrel/config/sentrel : manufacturing defaults unknown: /etc/sentrel/defaults.json is a folder"},
@@ -183,13 +183,10 @@ TEST(LiveHost, EveryReasonKindNamesTheFactTheCauseAndWhatToDo) {
       host.sw.file("obj", "{}");
       std::vector<String> args{"--format", "json"};
       if (!c.state.empty()) {
-         String json = R"({"entities": {)";
-         for (auto const &[key, value] : c.state) {
-            auto const space = key.find(' ');
-            json += (json.back() == '{' ? "" : ",") + ("\"" + key.substr(0, space) + "\": {\"" + key.substr(space + 1) +
-                                                       "\": \"" + value + "\"}");
-         }
-         args.insert(args.end(), {"--live", "--state", host.sw.file("state.json", json + "}}")});
+         auto const space = c.state.find(' '), eq = c.state.find('=');
+         String const json = R"({"entities": {")" + c.state.substr(0, space) + R"(": {")" +
+                             c.state.substr(space + 1, eq - space - 1) + R"(": ")" + c.state.substr(eq + 1) + R"("}}})";
+         args.insert(args.end(), {"--live", "--state", host.sw.file("state.json", json)});
       }
       auto const r = host.run(args);
       ASSERT_EQ(r.exitCode, 0) << r.err;
