@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <regex>
+#include <tuple>
 
 #include "Sentrel/FirstInstructionSecuritySm.h"
 #include "Sentrel/platform/Sysroot.h"
@@ -173,21 +174,17 @@ TEST(FirstInstructionSecuritySm, FactsFromTheReaderOfTheVendor) {
 
 // Without a vendor from lscpu the one published earlier stands.
 TEST(FirstInstructionSecuritySm, LscpuWithoutAVendorLeavesTheEarlierOne) {
-   struct Case {
-      String lscpu;
-      int code;
-      String trace;
-   };
-   for (auto const &c : std::vector<Case>{{"CPU(s): 2\n", 0, "Cannot find vendor ID in lscpu"},
-                                          {"Vendor ID: GenuineIntel\n", 1, "Command lscpu return error code: 1"}}) {
-      SCOPED_TRACE(c.trace);
+   for (auto const &[lscpu, code, trace] : std::vector<std::tuple<String, int, String>>{
+           {"CPU(s): 2\n", 0, "Cannot find vendor ID in lscpu"},
+           {"Vendor ID: GenuineIntel\n", 1, "Command lscpu return error code: 1"}}) {
+      SCOPED_TRACE(trace);
       Platform p;
-      p.lscpu(c.lscpu, c.code);
+      p.lscpu(lscpu, code);
       p.fis->cpuVendorIs("AuthenticAMD");
       Recorder rec;
       p.run();
       EXPECT_EQ(p.fis->cpuVendor(), "AuthenticAMD");
-      EXPECT_EQ(rec.traceTexts(2), (Strings{c.trace, "Cannot open EFI variable file"}));
+      EXPECT_EQ(rec.traceTexts(2), (Strings{trace, "Cannot open EFI variable file"}));
    }
 }
 
@@ -195,9 +192,7 @@ TEST(FirstInstructionSecuritySmToggleOff, NothingIsReadOrTouched) {
    SENTREL_ONLY_WITH_TOGGLES_OFF();
    Platform p;
    p.lscpu("Vendor ID: GenuineIntel\n");
-   p.fis->cpuVendorIs("Earlier");
-   p.fis->supportedIs(true);
-   p.fis->measuredbootEnabledIs(true);
+   p.fis->cpuVendorIs("Earlier"), p.fis->supportedIs(true), p.fis->measuredbootEnabledIs(true);
    Recorder rec;
    EXPECT_TRUE(p.run()->initialized());
    EXPECT_FALSE(std::filesystem::exists(p.bin.path() + "/lscpu.ran"));

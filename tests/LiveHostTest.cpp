@@ -25,7 +25,6 @@ char const kAmd[] = "Vendor ID:           AuthenticAMD";
 class LiveHost {
  public:
    LiveHost(std::map<String, String> const &files, String const &lscpu) {
-      std::filesystem::create_directories(sw.path() + "/root");
       for (auto const &[path, content] : files) {
          if (path.ends_with("/")) {
             std::filesystem::create_directories(sw.path() + "/root/" + path);
@@ -33,6 +32,7 @@ class LiveHost {
             sw.file("root/" + path, content);
          }
       }
+      std::filesystem::create_directories(sw.path() + "/root");
       std::filesystem::create_directories(sw.path() + "/bin");
       if (!lscpu.empty()) sw.script("bin/lscpu", "printf '%s\\n' '" + lscpu + "'\n");
    }
@@ -46,13 +46,6 @@ class LiveHost {
 
    TempDir sw, toggles;
 };
-
-rapidjson::Document parse(String const &text) {
-   rapidjson::Document d;
-   d.Parse(text.c_str(), text.size());
-   EXPECT_FALSE(d.HasParseError()) << text;
-   return d;
-}
 
 // The diagnostics as "entity attribute: reason [hint]".
 std::vector<String> reasons(rapidjson::Value const &diags, String const &prefix = "") {
@@ -114,7 +107,7 @@ TEST(LiveHost, InputsAreOnOffOrUnknownAndOnlyTheKnownAreWarnedAbout) {
       LiveHost host(c.files, "Vendor ID: TestVendor");
       auto const r = host.run({"--format", "json"});
       ASSERT_EQ(r.exitCode, 0) << r.err;
-      auto d = parse(r.out);
+      auto d = parseJson(r.out);
       auto const &sb = d["entities"]["tarn/sb/status"];
       EXPECT_EQ(sb["statusFlags"].GetUint(), c.flags);
       EXPECT_EQ(sb["supported"].GetBool(), c.supported);
@@ -144,7 +137,7 @@ TEST(LiveHost, EveryReasonKindNamesTheFactTheCauseAndWhatToDo) {
       char const *name;
       std::map<String, String> files;  // below the system root
       String lscpu;
-      std::map<String, String> state;  // attribute values of --state, by "entity attribute"
+      String state;                    // "entity attribute=value" set by --state
       String expected;                 // prefix of one diagnostic line
    };
    std::vector<Case> const cases{
@@ -165,20 +158,20 @@ TEST(LiveHost, EveryReasonKindNamesTheFactTheCauseAndWhatToDo) {
       {"virtual machine", {{"proc/cpuinfo", "processor\t: 0\nflags\t\t: fpu hypervisor\n"}}, kAmd, {},
        fis + "running in a virtual machine (the CPU flags include hypervisor): first-instruction security is the "
              "host's and is not visible here; not booted through UEFI"},
-      {"features file missing", {}, kIntel, {{"tarn/features/status featuresFilePath", "missing"}},
+      {"features file missing", {}, kIntel, "tarn/features/status featuresFilePath=missing",
        "tarn/features/status featureRev: cannot open SW/missing: No such file or directory [set featuresFilePath if the "
        "file is elsewhere]"},
-      {"features file a folder", {}, kIntel, {{"tarn/features/status featuresFilePath", "."}},
+      {"features file a folder", {}, kIntel, "tarn/features/status featuresFilePath=.",
        "tarn/features/status featureRev: SW/. is a folder, not a file [set featuresFilePath"},
-      {"version file empty", {}, kIntel, {{"sentrel/measuredBootVersion tarnVersionFilePath", "empty"}},
+      {"version file empty", {}, kIntel, "sentrel/measuredBootVersion tarnVersionFilePath=empty",
        "sentrel/measuredBootVersion tarn: SW/empty is empty or its first line is 64 characters or longer []"},
-      {"image version not JSON", {}, kIntel, {{"sentrel/measuredBootVersion vexoVersionFilePath", "empty"}},
+      {"image version not JSON", {}, kIntel, "sentrel/measuredBootVersion vexoVersionFilePath=empty",
        "sentrel/measuredBootVersion vexo: SW/empty is not valid JSON: The document is empty. (byte 0) []"},
-      {"image version without the member", {}, kIntel, {{"sentrel/measuredBootVersion vexoVersionFilePath", "obj"}},
+      {"image version without the member", {}, kIntel, "sentrel/measuredBootVersion vexoVersionFilePath=obj",
        "sentrel/measuredBootVersion vexo: SW/obj has no \"measuredBootVersion\" member []"},
-      {"boot config missing", {}, kIntel, {{"tarn/pcrConfig/status configuredPcrBankFilePath", "missing"}},
+      {"boot config missing", {}, kIntel, "tarn/pcrConfig/status configuredPcrBankFilePath=missing",
        "tarn/pcrConfig/status configuredPcrBank: cannot open SW/missing"},
-      {"error log a folder", {}, kIntel, {{"tarn/pcrConfig/status errorLogFilePath", "."}},
+      {"error log a folder", {}, kIntel, "tarn/pcrConfig/status errorLogFilePath=.",
        "tarn/pcrConfig/status requiredPcrNotConfigured: SW/. is a folder"},
       {"defaults unreadable", {{kDefaults + "/", ""}}, kIntel, {},
        "hardware/sentrel/config/sentrel : manufacturing defaults unknown: /etc/sentrel/defaults.json is a folder"},
@@ -190,19 +183,16 @@ TEST(LiveHost, EveryReasonKindNamesTheFactTheCauseAndWhatToDo) {
       host.sw.file("obj", "{}");
       std::vector<String> args{"--format", "json"};
       if (!c.state.empty()) {
-         String json = R"({"entities": {)";
-         for (auto const &[key, value] : c.state) {
-            auto const space = key.find(' ');
-            json += (json.back() == '{' ? "" : ",") + ("\"" + key.substr(0, space) + "\": {\"" + key.substr(space + 1) +
-                                                       "\": \"" + value + "\"}");
-         }
-         args.insert(args.end(), {"--live", "--state", host.sw.file("state.json", json + "}}")});
+         auto const space = c.state.find(' '), eq = c.state.find('=');
+         String const json = R"({"entities": {")" + c.state.substr(0, space) + R"(": {")" +
+                             c.state.substr(space + 1, eq - space - 1) + R"(": ")" + c.state.substr(eq + 1) + R"("}}})";
+         args.insert(args.end(), {"--live", "--state", host.sw.file("state.json", json)});
       }
       auto const r = host.run(args);
       ASSERT_EQ(r.exitCode, 0) << r.err;
       String expected = c.expected;
       if (auto at = expected.find("SW/"); at != String::npos) expected.replace(at, 2, host.sw.path());
-      auto const found = reasons(parse(r.out)["diagnostics"]);
+      auto const found = reasons(parseJson(r.out)["diagnostics"]);
       EXPECT_TRUE(std::any_of(found.begin(), found.end(), [&](String const &f) { return f.starts_with(expected); }))
          << expected << "\nin\n" << ::testing::PrintToString(found);
    }
@@ -211,7 +201,7 @@ TEST(LiveHost, EveryReasonKindNamesTheFactTheCauseAndWhatToDo) {
 TEST(LiveHost, StateAloneLeavesTheInputsUnfilledAndSaysSo) {
    LiveHost host({}, kIntel);
    String const state = host.sw.file("s.json", R"({"entities": {}})");
-   auto d = parse(host.run({"--state", state, "--format", "json"}).out);
+   auto d = parseJson(host.run({"--state", state, "--format", "json"}).out);
    String const notCompared =
       ": not ready, so secure boot and measured boot were not compared with the manufacturing defaults []";
    EXPECT_EQ(reasons(d["diagnostics"], "tarn/sb"), std::vector<String>{"tarn/sb/status ready" + notCompared});
@@ -242,15 +232,6 @@ TEST(LiveHost, TextReportAnswersTheOperatorsQuestions) {
    EXPECT_TRUE(r.out.ends_with("\n0 warnings, 18 unknown facts\n")) << r.out;
 }
 
-// The agent's commands run in the C locale, whatever the caller's.
-TEST(LiveHost, TranslatedLscpuIsReadInTheCLocale) {
-   LiveHost host({}, "");
-   host.sw.script("bin/lscpu", "if [ \"$LC_ALL\" = C ]; then echo 'Vendor ID: GenuineIntel'; "
-                               "else echo 'Anbieterkennung: GenuineIntel'; fi\n");
-   auto d = parse(host.run({"--format", "json"}, {"LC_ALL=de_DE.UTF-8", "LANG=de_DE.UTF-8"}).out);
-   EXPECT_STREQ(d["entities"]["sentrel/firstInstructionSecurity"]["cpuVendor"].GetString(), "GenuineIntel");
-}
-
 TEST(LiveHost, MalformedDefaultsFileIsAnUnusableInput) {
    LiveHost host({{kDefaults, R"({"secureBootEnabled": 1})"}}, kIntel);
    auto r = host.run({});
@@ -268,7 +249,7 @@ TEST(LiveHostToggleOff, FactsLeftEmptyByAToggleSayWhich) {
    TempDir root;
    auto const r = runHost({"--sysroot", root.path(), "--format", "json"});
    ASSERT_EQ(r.exitCode, 0) << r.err;
-   auto d = parse(r.out);
+   auto d = parseJson(r.out);
    auto const found = reasons(d["diagnostics"]);
    for (String const &expected :
         {"sentrel/firstInstructionSecurity cpuVendor: the feature toggle PlatformFirstInstructionSecurity is off (" +

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <regex>
+#include <tuple>
 
 #include "Sentrel/TarnFeatureSm.h"
 #include "Sentrel/platform/Sysroot.h"
@@ -115,25 +116,19 @@ TEST(TarnFeatureSm, MultibankIsPublishedThenVetoedByBootguard) {
 
 TEST(TarnFeatureSm, RunningVersionIsTheFirstTarnEntryOfTheFirstLine) {
    String const notFound = "Cannot find Tarn version in /proc/cmdline", fallback = "This version of Tarn";
-   struct Case {
-      std::optional<String> cmdline;
-      String version, trace;
-   };
-   std::vector<Case> const cases{
-      {std::nullopt, fallback, "Cannot open /proc/cmdline"},
-      {"ro Tarn=2.1 quiet\n", "Tarn=2.1", ""},
-      {"Tarn=\n", fallback, notFound},
-      {"ro\nTarn=9\n", fallback, notFound},
-   };
-   for (auto const &c : cases) {
-      SCOPED_TRACE(c.cmdline.value_or("<absent>"));
-      Machine m(c.cmdline);
+   for (auto const &[cmdline, version, trace] : std::vector<std::tuple<std::optional<String>, String, String>>{
+           {std::nullopt, fallback, "Cannot open /proc/cmdline"},
+           {"ro Tarn=2.1 quiet\n", "Tarn=2.1", ""},
+           {"Tarn=\n", fallback, notFound},
+           {"ro\nTarn=9\n", fallback, notFound}}) {
+      SCOPED_TRACE(cmdline.value_or("<absent>"));
+      Machine m(cmdline);
       auto sm = m.start(std::nullopt, false);
       Recorder rec;
       // Reached by name, as the host invokes it.
-      EXPECT_EQ(TarnFeatureSm::typeInfo().op("getRunningTarnVersion")->invoke(*sm), c.version);
+      EXPECT_EQ(TarnFeatureSm::typeInfo().op("getRunningTarnVersion")->invoke(*sm), version);
       EXPECT_EQ(rec.traceTexts(7), std::vector<String>{"Loom::String Sentrel::TarnFeatureSm::getRunningTarnVersion()"});
-      EXPECT_EQ(rec.traceTexts(2), c.trace.empty() ? std::vector<String>{} : std::vector<String>{c.trace});
+      EXPECT_EQ(rec.traceTexts(2), trace.empty() ? std::vector<String>{} : std::vector<String>{trace});
    }
 }
 
