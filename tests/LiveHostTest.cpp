@@ -141,7 +141,10 @@ TEST(LiveHost, EveryReasonKindNamesTheFactTheCauseAndWhatToDo) {
       String expected;                 // prefix of one diagnostic line
    };
    std::vector<Case> const cases{
-      {"no msr device", {}, kIntel, {}, fis + "/dev/cpu/0/msr does not exist ["},
+      {"no msr device, no module loading", {}, kIntel, {},
+       fis + "/dev/cpu/0/msr does not exist [this kernel cannot load modules and has no msr driver built in]"},
+      {"no msr device, modules load", {{"proc/modules", ""}}, kIntel, {},
+       fis + "/dev/cpu/0/msr does not exist [load the msr kernel module: modprobe msr]"},
       {"msr too short", {{"dev/cpu/0/msr", "x"}}, kIntel, {},
        fis + "cannot read MSR 0x13A from /dev/cpu/0/msr: fewer than 8 bytes were read []"},
       {"lscpu missing", {}, "", {}, "sentrel/firstInstructionSecurity cpuVendor: lscpu is not installed (not found in "
