@@ -20,13 +20,6 @@ class HostTest : public testing::Test {
    FakeSwitch s;
 };
 
-String const kInputs = R"("sentrel/measuredBootVersion": {"tarnVersionFilePath": "tarn-version",
-                                                    "vexoVersionFilePath": "vexo.json"},
-   "tarn/features/status": {"featuresFilePath": "features"},
-   "tarn/sb/status": {"supported": true, "ready": true, "statusFlags": 1, "enabledPcrBank": ["sha256"]},
-   "hardware/sentrel/config/sentrel": {"secureBootEnabled": true, "measuredBootEnabled": false,
-                                       "configReady": true})";
-
 }  // namespace
 
 TEST_F(HostTest, NullMakesAnEntityAbsent) {

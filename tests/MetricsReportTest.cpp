@@ -45,13 +45,6 @@ class Metrics : public testing::Test {
    FakeSwitch host;
 };
 
-String const kInputs = R"("sentrel/measuredBootVersion": {"tarnVersionFilePath": "tarn-version",
-                                                    "vexoVersionFilePath": "vexo.json"},
-   "tarn/features/status": {"featuresFilePath": "features"},
-   "tarn/sb/status": {"supported": true, "ready": true, "statusFlags": 1, "enabledPcrBank": ["sha256"]},
-   "hardware/sentrel/config/sentrel": {"secureBootEnabled": true, "measuredBootEnabled": false,
-                                       "configReady": true})";
-
 }  // namespace
 
 TEST_F(Metrics, EveryKindOfAttributeLandsInItsFamilyWithLabelsEscaped) {

@@ -87,6 +87,15 @@ HostRun runHost(std::vector<String> const &args, std::vector<String> const &env 
 // A switch for the built host: a system root (`root/`, with a kernel command
 // line), fake commands first in PATH (`bin/`, an lscpu of an unknown vendor)
 // and a toggle folder that leaves every toggle on.
+// The entities of --state that point the agent at a switch's files
+// (tarn-version, vexo.json, features) and fill its two inputs.
+inline String const kInputs = R"("sentrel/measuredBootVersion": {"tarnVersionFilePath": "tarn-version",
+                                                    "vexoVersionFilePath": "vexo.json"},
+   "tarn/features/status": {"featuresFilePath": "features"},
+   "tarn/sb/status": {"supported": true, "ready": true, "statusFlags": 1, "enabledPcrBank": ["sha256"]},
+   "hardware/sentrel/config/sentrel": {"secureBootEnabled": true, "measuredBootEnabled": false,
+                                       "configReady": true})";
+
 struct FakeSwitch {
    FakeSwitch();
    // `env` comes after the switch's own settings and wins; so does an option.
