@@ -49,13 +49,9 @@ std::size_t rank(Diagnostic const &d) {
    return tree.size() * 1000;
 }
 
-// The agent of an installed tree, else the one of a build tree; when neither
-// is there, the installed path is the one the error names.
-String defaultAgentPath() {
-   String const installed = besideExecutable(SENTREL_INSTALLED_AGENT);
-   String const built = besideExecutable("../lib/libSentrel.so");
-   return access(installed.c_str(), F_OK) != 0 && access(built.c_str(), F_OK) == 0 ? built : installed;
-}
+// The agent beside the executable, where the installed and the build tree
+// alike keep it.
+String defaultAgentPath() { return besideExecutable(SENTREL_INSTALLED_AGENT); }
 
 // nullopt when `dir` is a folder, else what is wrong with it.
 std::optional<String> folderProblem(String const &dir) {
