@@ -1,10 +1,12 @@
 #include "Sentrel/MeasuredBootVersionSm.h"
 
 #include <cerrno>
-#include <fstream>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "Sentrel/FileReading.h"
 #include "Sentrel/SentrelTrace.h"
+#include "Sentrel/platform/ReadFile.h"
 #include "Sentrel/platform/Reason.h"
 
 #define SENTREL_MEASURED_BOOT_VERSION_SM_OPS(X) \
@@ -43,31 +45,32 @@ void MeasuredBootVersionSm::handleInitialized() {
 void MeasuredBootVersionSm::readTarnMeasuredBootVersion() {
    TRACE7("void Sentrel::MeasuredBootVersionSm::readTarnMeasuredBootVersion()");
    String const &path = measuredBootVersion_->tarnVersionFilePath();
-   std::ifstream file(path);
-   if (!file.is_open()) {
+   int const fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+   if (fd < 0) {
       int const err = errno;
       TRACE2("Cannot open Tarn measured boot version file");
       inputFileReason(*measuredBootVersion_, {"tarn"}, "tarnVersionFilePath", path, err);
       measuredBootVersion_->tarnIs("");
       return;
    }
-   // A bounded read: a first line of 64 characters or more fails.
-   char line[64];
-   errno = 0;
-   if (!file.getline(line, sizeof line)) {
-      int const err = errno;
+   // A bounded read of the first line, as getline into 64 characters takes
+   // it: at most 63 characters before the newline or the end of the file.
+   Loom::FileText const head = Loom::readWholeFd(fd, 64);
+   close(fd);
+   auto const newline = head.text.find('\n');
+   bool const complete = newline <= 63 || (!head.tooLarge && newline == String::npos && head.text.size() <= 63);
+   if (!head.ok() && !head.tooLarge) {
       TRACE2("Cannot read Tarn measured boot version");
-      if (err == EISDIR) {
-         inputFileReason(*measuredBootVersion_, {"tarn"}, "tarnVersionFilePath", path, err);
-      } else {
-         Loom::reasonIs(*measuredBootVersion_, {"tarn"},
-                        path + " is empty or its first line is 64 characters or longer");
-      }
+      inputFileReason(*measuredBootVersion_, {"tarn"}, "tarnVersionFilePath", path, head.folder ? EISDIR : head.error);
+      measuredBootVersion_->tarnIs("");
+   } else if (head.text.empty() || !complete) {
+      TRACE2("Cannot read Tarn measured boot version");
+      Loom::reasonIs(*measuredBootVersion_, {"tarn"}, path + " is empty or its first line is 64 characters or longer");
       measuredBootVersion_->tarnIs("");
    } else {
-      measuredBootVersion_->tarnIs(line);
+      // Up to a NUL, as the line is a C string.
+      measuredBootVersion_->tarnIs(head.text.substr(0, newline).c_str());
    }
-   file.close();
 }
 
 void MeasuredBootVersionSm::readVexoMeasuredBootVersion() {

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-#include <sstream>
 #include <limits>
 #include <cctype>
 #include <optional>
@@ -92,13 +91,12 @@ void TarnFeatureSm::getRevisionFromFeaturesFile() {
       TRACE2("Cannot open Tarn features file");
       return;
    }
-   std::istringstream file(*text);
-   std::string line;
-   while (std::getline(file, line)) {
+   Loom::Pieces lines(*text, '\n');
+   for (std::string_view line; lines.next(line);) {
       auto const colon = line.find(':');
-      if (colon == std::string::npos || colon + 1 == line.size()) continue;
+      if (colon == std::string_view::npos || colon + 1 == line.size()) continue;
       int revision = 0;
-      switch (parseRevision(line.substr(colon + 1), revision)) {
+      switch (parseRevision(String(line.substr(colon + 1)), revision)) {
       case RevisionParse::notAnInteger:
          TRACE2("Invalid value for version number, not an integer");
          break;
@@ -107,7 +105,7 @@ void TarnFeatureSm::getRevisionFromFeaturesFile() {
          break;
       case RevisionParse::ok:
          // Negative revisions keep their two's complement on purpose.
-         tarnFeatureStatus_->featureRevIs(line.substr(0, colon), static_cast<std::uint32_t>(revision));
+         tarnFeatureStatus_->featureRevIs(String(line.substr(0, colon)), static_cast<std::uint32_t>(revision));
          break;
       }
    }

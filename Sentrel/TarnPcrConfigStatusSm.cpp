@@ -1,6 +1,5 @@
 #include "Sentrel/TarnPcrConfigStatusSm.h"
 
-#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -16,14 +15,6 @@ LOOM_STATE_MACHINE_DEFINE(Sentrel, TarnPcrConfigStatusSm, SENTREL_TARN_PCR_CONFI
                           SENTREL_TARN_PCR_CONFIG_STATUS_SM_OPS)
 
 namespace Sentrel {
-
-namespace {
-
-bool beginsWith(std::string const &line, char const *keyword) {
-   return std::string_view(line).starts_with(keyword);
-}
-
-}  // namespace
 
 TarnPcrConfigStatusSm::TarnPcrConfigStatusSm(Ptr<Ledger::EntityManager> const &entityManager,
                                              Ptr<Tarn::PcrConfig::Status> const &tarnPcrConfigStatus,
@@ -56,10 +47,13 @@ void TarnPcrConfigStatusSm::readRequiredPcrBank() {
       TRACE2("Cannot open " << tarnPcrConfigStatus_->requiredPcrBankFilePath());
       return;
    }
-   std::istringstream file(*text);
    // Any white space separates, so the file's line structure does not matter.
-   std::string bank;
-   while (file >> bank) tarnPcrConfigStatus_->requiredPcrBankIs(bank);
+   static constexpr char space[] = " \t\n\v\f\r";
+   for (auto start = text->find_first_not_of(space); start != String::npos;) {
+      auto const end = text->find_first_of(space, start);
+      tarnPcrConfigStatus_->requiredPcrBankIs(text->substr(start, end - start));
+      start = text->find_first_not_of(space, end);
+   }
 }
 
 void TarnPcrConfigStatusSm::readConfiguredPcrBank() {
@@ -73,15 +67,13 @@ void TarnPcrConfigStatusSm::readConfiguredPcrBank() {
       return;
    }
    static constexpr char prefix[] = "PCRBANK=";
-   std::istringstream file(*text);
-   std::string line;
-   while (std::getline(file, line, '\n')) {
-      if (!beginsWith(line, prefix)) continue;
+   Loom::Pieces lines(*text, '\n');
+   for (std::string_view line; lines.next(line);) {
+      if (!line.starts_with(prefix)) continue;
       // Pieces are kept exactly as written: a trailing "+" adds nothing, an
       // empty piece before a "+" is kept, and nothing is trimmed.
-      std::istringstream banks(line.substr(sizeof prefix - 1));
-      std::string bank;
-      while (std::getline(banks, bank, '+')) tarnPcrConfigStatus_->configuredPcrBankIs(bank);
+      Loom::Pieces banks(line.substr(sizeof prefix - 1), '+');
+      for (std::string_view bank; banks.next(bank);) tarnPcrConfigStatus_->configuredPcrBankIs(String(bank));
       return;
    }
 }
@@ -97,20 +89,19 @@ void TarnPcrConfigStatusSm::checkPcrConfigErrorLog() {
       TRACE2("Cannot open Tarn PCR config error log file");
       return;
    }
-   std::istringstream file(*text);
    auto &status = *tarnPcrConfigStatus_;
    status.requiredPcrNotConfiguredIs(false);
    status.requiredPcrNotEnabledIs(false);
    status.pcrConfigFoundOnTpm12Is(false);
-   std::string line;
-   while (std::getline(file, line, '\n')) {
-      if (beginsWith(line, "REQUIRED_PCR_NOT_CONFIGURED")) {
+   Loom::Pieces lines(*text, '\n');
+   for (std::string_view line; lines.next(line);) {
+      if (line.starts_with("REQUIRED_PCR_NOT_CONFIGURED")) {
          TRACE2("REQUIRED_PCR_NOT_CONFIGURED error found");
          status.requiredPcrNotConfiguredIs(true);
-      } else if (beginsWith(line, "REQUIRED_PCR_NOT_ENABLED")) {
+      } else if (line.starts_with("REQUIRED_PCR_NOT_ENABLED")) {
          TRACE2("REQUIRED_PCR_NOT_ENABLED error found");
          status.requiredPcrNotEnabledIs(true);
-      } else if (beginsWith(line, "PCR_CONFIG_FOUND_ON_TPM12")) {
+      } else if (line.starts_with("PCR_CONFIG_FOUND_ON_TPM12")) {
          TRACE2("PCR_CONFIG_FOUND_ON_TPM12 error found");
          status.pcrConfigFoundOnTpm12Is(true);
       }

@@ -1,4 +1,3 @@
-#include <sstream>
 
 #include "Sentrel/types/StateTree.h"
 #include "host/Host.h"
@@ -30,10 +29,10 @@ String trimmed(String const &s) {
 }  // namespace
 
 void Host::runScript(String const &name, String const &text, String &out) {
-   std::istringstream in(text);
-   String line;
-   for (int n = 1; std::getline(in, line); ++n) {
-      String const t = trimmed(line);
+   Loom::Pieces lines(text, '\n');
+   std::string_view line;
+   for (int n = 1; lines.next(line); ++n) {
+      String const t = trimmed(String(line));
       if (t.empty() || t.front() == '#') continue;
       try {
          runScriptCommand(name, t, out);

@@ -1,10 +1,30 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace Loom {
 
 // The framework's string value: bytes, NULs included.
 using String = std::string;
+
+// The pieces of a text between `delim`s, one by one, as std::getline gives
+// them: no piece after a final `delim`, none for empty text. Without streams,
+// whose first use builds the standard library's locale at every start.
+class Pieces {
+ public:
+   Pieces(std::string_view text, char delim) : rest_(text), delim_(delim) {}
+   bool next(std::string_view &piece) {
+      if (rest_.empty()) return false;
+      auto const end = rest_.find(delim_);
+      piece = rest_.substr(0, end);
+      rest_.remove_prefix(end == std::string_view::npos ? rest_.size() : end + 1);
+      return true;
+   }
+
+ private:
+   std::string_view rest_;
+   char delim_;
+};
 
 }  // namespace Loom
