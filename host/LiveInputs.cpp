@@ -255,20 +255,35 @@ class Reader {
                               " exists): the machine's devices and firmware variables may not be visible here";
          }
       }
-      Loom::FileText const cpuinfo = Loom::readSystemFile(kCpuinfo, 1 << 20);
-      String const text = "\n" + cpuinfo.text;
-      std::size_t at = 0;
-      while ((at = text.find("\nflags", at)) != String::npos) {
-         ++at;
-         String const line = text.substr(at, text.find('\n', at) - at);
-         auto const colon = line.find(':');
-         if (colon != String::npos && (" " + line.substr(colon + 1) + " ").find(" hypervisor ") != String::npos) {
-            // The stronger statement: a guest never sees the host's register.
-            out.notes[kFis] = "running in a virtual machine (the CPU flags include hypervisor): first-instruction "
-                              "security is the host's and is not visible here";
-            return;
-         }
+      String const flags = firstCpuFlags();
+      if ((" " + flags + " ").find(" hypervisor ") != String::npos) {
+         // The stronger statement: a guest never sees the host's register.
+         out.notes[kFis] = "running in a virtual machine (the CPU flags include hypervisor): first-instruction "
+                           "security is the host's and is not visible here";
       }
+   }
+
+   // The flags of the first CPU in /proc/cpuinfo, empty if there are none.
+   // Read in small pieces and no further: the kernel formats the file one CPU
+   // at a time as it is read, and on a switch with many cores all of it
+   // costs milliseconds.
+   static String firstCpuFlags() {
+      int const fd = open(Loom::sysrootPath(kCpuinfo).c_str(), O_RDONLY | O_CLOEXEC);
+      if (fd < 0) return {};
+      String text = "\n";
+      char chunk[1024];
+      ssize_t n = 0;
+      std::size_t line = String::npos;
+      while (text.size() < (1 << 20) && (n = ::read(fd, chunk, sizeof chunk)) > 0) {
+         text.append(chunk, static_cast<std::size_t>(n));
+         if (line == String::npos) line = text.find("\nflags");
+         if (line != String::npos && text.find('\n', line + 1) != String::npos) break;
+      }
+      close(fd);
+      if (line == String::npos) return {};
+      String const flags = text.substr(line + 1, text.find('\n', line + 1) - line - 1);
+      auto const colon = flags.find(':');
+      return colon == String::npos ? String() : flags.substr(colon + 1);
    }
 
    JsonNode defaults_;
