@@ -51,13 +51,14 @@ Ptr<T> lookupAs(Ledger::EntityManager const &em) {
 Loom::AllocationTracker Agent::memAllocationTracker_{"Sentrel::Agent"};
 
 Loom::TypeInfo const &Agent::typeInfo() {
-#define SENTREL_AGENT_SETTABLE_(T, name) Loom::attr(#name, &Agent::name, &Agent::name##Is),
-#define SENTREL_AGENT_READABLE_(T, name) Loom::attr(#name, &Agent::name),
-   static Loom::TypeInfo const t{"Sentrel::Agent",
-                                 {SENTREL_AGENT_ATTRS(SENTREL_AGENT_SETTABLE_, SENTREL_AGENT_READABLE_)},
-                                 {},
-                                 nullptr,
-                                 [](Loom::String const &name) { return Ptr<Loom::Object>(AgentIs(name)); }};
+#define SENTREL_AGENT_SETTABLE_(T, name) t.attrs.push_back(Loom::attr(#name, &Agent::name, &Agent::name##Is));
+#define SENTREL_AGENT_READABLE_(T, name) t.attrs.push_back(Loom::attr(#name, &Agent::name));
+   static Loom::TypeInfo const t = [] {
+      Loom::TypeInfo t{"Sentrel::Agent", {}, {}, nullptr,
+                       [](Loom::String const &name) { return Ptr<Loom::Object>(AgentIs(name)); }};
+      SENTREL_AGENT_ATTRS(SENTREL_AGENT_SETTABLE_, SENTREL_AGENT_READABLE_)
+      return t;
+   }();
    return t;
 }
 

@@ -35,7 +35,7 @@ using Pass = std::conditional_t<std::is_scalar_v<T>, T, T const &>;
    void name##Is(::Loom::String const &v) { insertInto(name##_, v, Attr::name); }
 #define LOOM_ATTR_SETTER_map(T, name) \
    void name##Is(::Loom::String const &k, std::uint32_t v) { insertInto(name##_, k, v, Attr::name); }
-#define LOOM_ATTR_INFO_(kind, T, name, dflt) LOOM_ATTR_INFO_##kind(name),
+#define LOOM_ATTR_INFO_(kind, T, name, dflt) t.attrs.push_back(LOOM_ATTR_INFO_##kind(name));
 #define LOOM_ATTR_INFO_value(name) ::Loom::attr(#name, &Self::name, &Self::name##Is)
 #define LOOM_ATTR_INFO_set(name) ::Loom::setAttr(#name, &Self::name, &Self::name##Is)
 #define LOOM_ATTR_INFO_map(name) ::Loom::mapAttr(#name, &Self::name, &Self::name##Is)
@@ -63,8 +63,11 @@ using Pass = std::conditional_t<std::is_scalar_v<T>, T, T const &>;
    E::~E() = default;                                                          \
    ::Loom::TypeInfo const &E::typeInfo() {                                     \
       using Self [[maybe_unused]] = E;                                         \
-      static ::Loom::TypeInfo const t{                                         \
-         #NS "::" #E, {LIST(LOOM_ATTR_INFO_)}, {}, ::Loom::creator<E>()};      \
+      static ::Loom::TypeInfo const t = [] {                                   \
+         ::Loom::TypeInfo t{#NS "::" #E, {}, {}, ::Loom::creator<E>()};        \
+         LIST(LOOM_ATTR_INFO_)                                                 \
+         return t;                                                             \
+      }();                                                                     \
       return t;                                                                \
    }                                                                           \
    }

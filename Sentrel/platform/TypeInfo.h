@@ -60,6 +60,9 @@ struct OpInfo {
    std::function<std::optional<String>(Object &)> invoke;
 };
 
+// Descriptions push each attribute and operation in (a move) rather than
+// list them in braces: a braced list is copied, and copying a std::function
+// calls its manager, so every start would touch code all over the library.
 struct LOOM_API TypeInfo {
    String name;
    std::vector<AttrInfo> attrs;
