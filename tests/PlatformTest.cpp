@@ -108,40 +108,43 @@ TEST(Log, AHandleKeyedOnItsFirstArgumentLetsOneMessageAKeyThroughPerInterval) {
 }
 
 namespace {
-// A node that records what its reactor sees, and can act from inside it.
-class Watcher : public Loom::Node {
+using A = Tarn::Secureboot::Status::Attr;
+// A state machine that records the changes of its attributes it sees, can
+// act from inside its reaction and looks at itself as its destruction starts.
+class Probe : public Loom::StateMachine {
  public:
-   static Loom::TypeInfo const &typeInfo() {
-      static Loom::TypeInfo const t{"Watcher", {}, {}, nullptr};
+   Loom::TypeInfo const &typeData() const override {
+      static Loom::TypeInfo const t{"Probe", {}, {}, nullptr};
       return t;
    }
-   Loom::TypeInfo const &typeData() const override { return typeInfo(); }
-   Watcher(Tarn::Secureboot::Status const *s, std::function<void(Watcher &, unsigned)> act = nullptr)
-       : reactor(*this, s, [this](unsigned a) {
+   explicit Probe(Tarn::Secureboot::Status const *sb, std::vector<unsigned> const &attrs = {A::ready})
+       : reactor(*this, sb, attrs, [this](unsigned a) {
             seen.push_back(a);
-            if (this->act) this->act(*this, a);
-         }),
-         act(std::move(act)) {
-      reactor.subscribe();
+            if (act) act();
+         }) {}
+   ~Probe() override {
+      if (destroyed) *destroyed = {notificationActive(), zombie()};
    }
-   Loom::Reactor reactor;
-   std::function<void(Watcher &, unsigned)> act;
    std::vector<unsigned> seen;
+   std::function<void()> act;
+   std::pair<bool, bool> *destroyed = nullptr;  // notifications on, zombie
+   Loom::Reactor reactor;
 };
 }  // namespace
 
 TEST(Notification, OnChangeOnlyInOrderAndSafeAgainstChangesDuringDelivery) {
    auto sb = Loom::make<Tarn::Secureboot::Status>();
-   using A = Tarn::Secureboot::Status::Attr;
-   auto late = Loom::make<Watcher>(sb.ptr());
+   std::vector<unsigned> const all{A::supported, A::ready, A::enabledPcrBank};
+   auto late = Loom::stateMachineNew<Probe>(sb.ptr(), all);
    late->reactor.unsubscribe();
-   auto second = Loom::make<Watcher>(sb.ptr());
+   auto second = Loom::stateMachineNew<Probe>(sb.ptr(), all);
    // The first subscriber removes the second and subscribes the third while
    // a change is being delivered.
-   auto first = Loom::make<Watcher>(sb.ptr(), [&](Watcher &, unsigned) {
+   auto first = Loom::stateMachineNew<Probe>(sb.ptr(), all);
+   first->act = [&] {
       second->reactor.unsubscribe();
       late->reactor.subscribe();
-   });
+   };
    second->reactor.unsubscribe();
    second->reactor.subscribe();  // now after `first`
 
@@ -162,29 +165,6 @@ TEST(Notification, OnChangeOnlyInOrderAndSafeAgainstChangesDuringDelivery) {
    EXPECT_EQ(sb->subscriberCount(), 0u);
 }
 
-namespace {
-// A state machine reacting to `ready`; it can act from inside its reaction
-// and look at itself as its destruction starts.
-class Probe : public Loom::StateMachine {
- public:
-   Loom::TypeInfo const &typeData() const override { return Watcher::typeInfo(); }
-   explicit Probe(Tarn::Secureboot::Status const *sb)
-       : reactor_(*this, sb, {Tarn::Secureboot::Status::Attr::ready}, [this](unsigned) {
-            ++reactions;
-            if (act) act();
-         }) {}
-   ~Probe() override {
-      if (destroyed) *destroyed = {notificationActive(), zombie()};
-   }
-   int reactions = 0;
-   std::function<void()> act;
-   std::pair<bool, bool> *destroyed = nullptr;  // notifications on, zombie
-
- private:
-   Loom::Reactor reactor_;
-};
-}  // namespace
-
 TEST(StateMachine, NotificationsOfItsAttributesGoOnOnceTheCreatorHasBuiltTheMachine) {
    auto sb = Loom::make<Tarn::Secureboot::Status>();
    auto built = Loom::make<Probe>(sb.ptr());
@@ -196,8 +176,8 @@ TEST(StateMachine, NotificationsOfItsAttributesGoOnOnceTheCreatorHasBuiltTheMach
    EXPECT_EQ(sb->subscriberCount(), 1u);
    sb->supportedIs(true);  // not an attribute it reacts to
    sb->readyIs(true);
-   EXPECT_EQ(sm->reactions, 1);
-   EXPECT_EQ(built->reactions, 0);
+   EXPECT_EQ(sm->seen.size(), 1u);
+   EXPECT_EQ(built->seen.size(), 0u);
 }
 
 // The last reference switches a machine off and makes it a zombie before its
@@ -215,12 +195,12 @@ TEST(StateMachine, AMachineDroppedDuringADeliveryGoesAndTheDeliveryGoesOn) {
    first->act = [&] {
       second = nullptr;
       first = nullptr;
-      EXPECT_EQ(self->reactions, 1);  // still whole until its reaction returns
+      EXPECT_EQ(self->seen.size(), 1u);  // still whole until its reaction returns
    };
    sb->readyIs(true);
    EXPECT_EQ(secondGone, std::make_pair(false, true));
    EXPECT_EQ(firstGone, std::make_pair(false, true));
-   EXPECT_EQ(third->reactions, 1);
+   EXPECT_EQ(third->seen.size(), 1u);
    EXPECT_EQ(sb->subscriberCount(), 1u);
 }
 
