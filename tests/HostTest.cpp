@@ -41,6 +41,8 @@ set tarn/sb/status supported false
 insert tarn/sb/status enabledPcrBank "sha384"
 insert tarn/features/status featureRev {"extra": 5}
 invoke tarnFeature getRunningTarnVersion
+set agent sbStatus "tarn/sb/status"
+set agent defaultSentrelStatus null
 show
 )");
    auto r = run({"--state", s.state(kInputs), "--format", "json", "--script", script});
@@ -86,9 +88,12 @@ TEST_F(HostTest, BadInputIsAUsageErrorNamingFilePositionAndProblem) {
       {"", "invoke tarnFeature fly\n", {}, "script:1: unknown operation \"fly\" of tarnFeature"},
       {"", "set tarn/sb/status enabledPcrBank \"x\"\n", {}, "script:1: enabledPcrBank is a set or map: use insert"},
       {"", "set tarn/sb/status ready 1\n", {}, "script:1: ready: expected true or false, not number"},
+      {"", "set agent sbStatus \"tarn/features/status\"\n", {},
+       "script:1: sbStatus: expected a Tarn::Secureboot::Status, not a Tarn::Features::Status"},
+      {"", "set agent sbStatus \"tarn/elsewhere\"\n", {}, "script:1: sbStatus: no entity at \"tarn/elsewhere\""},
+      {"", "set agent tarnFeatureSm \"tarn/sb/status\"\n", {}, "script:1: unknown attribute \"tarnFeatureSm\" of agent"},
       {"", "", {"--format", "xml"}, "--format takes text, json or openmetrics, not 'xml'"},
       {"", "", {"--trace", "2-"}, "--trace takes levels 0 to 9"},
-      {"", "", {"--state", "/nonexistent/state.json"}, "--state /nonexistent/state.json: No such file"},
       {"", "", {"--toggles", "/nonexistent"}, "--toggles /nonexistent: No such file"},
       {"", "", {"--state", "/"}, "--state /: is a folder, not a file"},
       {"", "", {"--script", "/dev/zero"}, "--script /dev/zero: larger than 16 MiB"},
