@@ -215,16 +215,6 @@ TEST(LiveHost, TextReportAnswersTheOperatorsQuestions) {
    EXPECT_TRUE(r.out.ends_with("\n0 warnings, 18 unknown facts\n")) << r.out;
 }
 
-// The agent's commands run in the C locale, whatever the caller's: a
-// translated lscpu would otherwise lose every first-instruction fact.
-TEST(LiveHost, TranslatedLscpuIsReadInTheCLocale) {
-   LiveHost host({}, "");
-   host.sw.script("bin/lscpu", "if [ \"$LC_ALL\" = C ]; then echo 'Vendor ID: GenuineIntel'; "
-                               "else echo 'Anbieterkennung: GenuineIntel'; fi\n");
-   auto d = parseJson(host.run({"--format", "json"}, {"LC_ALL=de_DE.UTF-8", "LANG=de_DE.UTF-8"}).out);
-   EXPECT_STREQ(d["entities"]["sentrel/firstInstructionSecurity"]["cpuVendor"].GetString(), "GenuineIntel");
-}
-
 // Runs with every toggle off (tests/toggles/all-off): the facts left empty
 // name the toggle and its file, and the report lists the toggles.
 TEST(LiveHostToggleOff, FactsLeftEmptyByAToggleSayWhich) {
