@@ -81,7 +81,7 @@ class HostileInput : public testing::Test {
 TEST_F(HostileInput, EndsWithItsStatusAndOneLineNamingTheProblem) {
    String const t = toggles.path();
    dir.file("deep-toggles/SecureBoot.json", R"({"PcrMultibank": )" + String(100000, '['));
-   std::filesystem::create_directories(dir.path() + "/odd-toggles/Sentrel.json");
+   std::filesystem::create_directories(dir.path() + "/odd-toggles");
    symlink("/dev/zero", (dir.path() + "/odd-toggles/Halyard.json").c_str());
    Strings const state{"--state", "@/state.json", "--sysroot", "@/root", "--toggles", t};
    auto with = [&](Strings more) {
@@ -94,8 +94,6 @@ TEST_F(HostileInput, EndsWithItsStatusAndOneLineNamingTheProblem) {
        "/etc/sentrel/defaults.json: byte 256: nested deeper than 256 levels"},
       {"a toggle file nested 100,000 deep", with({"--toggles", "@/deep-toggles"}), 0,
        "deep-toggles/SecureBoot.json: nested deeper than 256 levels at offset 272; using defaults"},
-      {"a toggle file that is a folder", with({"--toggles", "@/odd-toggles"}), 0,
-       "odd-toggles/Sentrel.json: is a folder, not a file; using defaults"},
       {"a toggle file linked to /dev/zero", with({"--toggles", "@/odd-toggles"}), 0,
        "odd-toggles/Halyard.json: larger than 1 MiB; using defaults"},
       {"/dev/full as standard output", state, 2,
