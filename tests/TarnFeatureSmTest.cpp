@@ -82,7 +82,6 @@ TEST(TarnFeatureSm, FeatureLinesAreReadLikeStoi) {
       std::vector<String> traces;
    };
    std::vector<Case> const cases{
-      {"secureboot: 27\r\n", {{"secureboot", 27}}, {}},
       {"secureboot :27", {{"secureboot ", 27}}, {}},
       {"a:\t+12abc\nb:-2147483648\nc:2147483647\n", {{"a", 12}, {"b", 2147483648u}, {"c", 2147483647}}, {}},
       {"a:b:3\nb: \nc:-\nd:+-1\ne:\r\n", {}, {invalid, invalid, invalid, invalid, invalid}},
