@@ -1,3 +1,4 @@
+#include <array>
 #include <cstdint>
 #include <gtest/gtest.h>
 
@@ -62,23 +63,18 @@ TEST(CheckConfigurationStatusSm, WarnsOnlyOfASettingOffAgainstAnOnDefault) {
 
 TEST(CheckConfigurationStatusSm, NullOrUnreadyInputsAreSkipped) {
    String const null = "defaultSentrelStatus or sbStatus is null, skipping";
-   struct Case {
-      bool nullDefaults, nullSb, configReady, ready;
-      String trace;
-   };
-   for (auto const &c : std::vector<Case>{{true, false, true, true, null},
-                                          {false, true, true, true, null},
-                                          {false, false, false, true, kNotReady},
-                                          {false, false, true, false, kNotReady}}) {
-      SCOPED_TRACE(testing::Message() << c.nullDefaults << c.nullSb << c.configReady << c.ready);
+   // null defaults, null sb, configReady, ready
+   for (auto const [nullDefaults, nullSb, configReady, ready] :
+        std::vector<std::array<bool, 4>>{{1, 0, 1, 1}, {0, 1, 1, 1}, {0, 0, 0, 1}, {0, 0, 1, 0}}) {
+      SCOPED_TRACE(testing::Message() << nullDefaults << nullSb << configReady << ready);
       Inputs in;
-      in.defaults->configReadyIs(c.configReady);
-      in.sb->readyIs(c.ready);
+      in.defaults->configReadyIs(configReady);
+      in.sb->readyIs(ready);
       Recorder rec;
       auto sm = Sentrel::CheckConfigurationStatusSm::CheckConfigurationStatusSmIs(
-         in.em, c.nullDefaults ? nullptr : in.defaults, c.nullSb ? nullptr : in.sb);
+         in.em, nullDefaults ? nullptr : in.defaults, nullSb ? nullptr : in.sb);
       EXPECT_TRUE(sm->initialized());
-      EXPECT_EQ(rec.traceTexts(2), Strings{c.trace});
+      EXPECT_EQ(rec.traceTexts(2), Strings{nullDefaults || nullSb ? null : kNotReady});
       EXPECT_TRUE(rec.logs().empty());
    }
 }
