@@ -131,7 +131,6 @@ TEST(FirstInstructionSecuritySm, FactsFromTheReaderOfTheVendor) {
    std::vector<Case> const cases{
       {"second Intel spelling", "GenuineIotel", std::nullopt, {}, "", {0, 0, 0, 0, 0}, String(), "", {noMsr}},
       {"vendors compare exactly", "genuineintel", std::nullopt, {}, "", {0, 0, 0, 0, 0}, kUntouched, "", {}},
-      {"long vendor", String(50000, 'x'), std::nullopt, {}, "", {0, 0, 0, 0, 0}, kUntouched, "", {}},
       {"bit 32 alone", intel, msrImage(bg), "True", kDevHash, {1, 1, 1, 0, 0}, String(kDevHash), both, {}},
       {"0x60 without bit 32", intel, msrImage(0x60), "True", kDevHash, {0, 0, 0, 0, 0}, String(), "", {}},
       {"both bits, lower-case true", intel, msrImage(bg | 0x60), "true", "ab", {1, 0, 0, 1, 1}, String("ab"), both, {}},
@@ -141,7 +140,6 @@ TEST(FirstInstructionSecuritySm, FactsFromTheReaderOfTheVendor) {
       {"utility missing", intel, msrImage(bg), std::nullopt, "", {1, 0, 0, 0, 0}, String(), "",
        {"Command BootGuardUtil fuse --status return error code: 127",
         "Command BootGuardUtil fuse --key-hash return error code: 127"}},
-      {"no register file", intel, std::nullopt, "True", kDevHash, {0, 0, 0, 0, 0}, String(), "", {noMsr}},
       {"short register file", intel, String(0x13A + 4, '\1'), "True", kDevHash, {0, 0, 0, 0, 0}, String(), "",
        {"read fail errno: 0"}},
       {"PSB enabled and fused", amd, psbImage(80, 0x2A, 0x11), {}, "", {1, 1, 0, 1, 0}, ModelRevisionId{2, 10}, "", {}},

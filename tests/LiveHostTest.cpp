@@ -1,10 +1,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <map>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include "Sentrel/platform/Json.h"
 #include "TestSupport.h"
 
 using namespace SentrelTest;
@@ -21,30 +18,21 @@ String const kEventLog = "sys/kernel/security/tpm0/binary_bios_measurements";
 char const kIntel[] = "Vendor ID:           GenuineIntel";
 char const kAmd[] = "Vendor ID:           AuthenticAMD";
 
-// A Linux host below a system root; a path ending in "/" is an empty folder.
-class LiveHost {
- public:
+// A Linux host below a system root (a path ending in "/" is an empty folder);
+// only the fake commands are in PATH, so a missing one is not found.
+struct LiveHost : FakeSwitch {
    LiveHost(std::map<String, String> const &files, String const &lscpu) {
       for (auto const &[path, content] : files) {
-         if (path.ends_with("/")) {
-            std::filesystem::create_directories(sw.path() + "/root/" + path);
-         } else {
-            sw.file("root/" + path, content);
-         }
+         if (path.ends_with("/")) std::filesystem::create_directories(sw.path() + "/root/" + path);
+         else sw.file("root/" + path, content);
       }
-      std::filesystem::create_directories(sw.path() + "/root");
-      std::filesystem::create_directories(sw.path() + "/bin");
-      if (!lscpu.empty()) sw.script("bin/lscpu", "printf '%s\\n' '" + lscpu + "'\n");
+      if (lscpu.empty()) std::filesystem::remove(sw.path() + "/bin/lscpu");
+      else sw.script("bin/lscpu", "printf '%s\\n' '" + lscpu + "'\n");
    }
-
-   // Only the fake commands are in PATH: a missing one is not found.
-   HostRun run(std::vector<String> args, std::vector<String> env = {}) {
-      args.insert(args.begin(), {"--sysroot", sw.path() + "/root", "--toggles", toggles.path()});
+   HostRun run(std::vector<String> args, std::vector<String> env = {}) const {
       env.push_back("PATH=" + sw.path() + "/bin");
-      return runHost(args, env);
+      return FakeSwitch::run(args, env);
    }
-
-   TempDir sw, toggles;
 };
 
 // The diagnostics as "entity attribute: reason [hint]".
@@ -82,7 +70,6 @@ TEST(LiveHost, InputsAreOnOffOrUnknownAndOnlyTheKnownAreWarnedAbout) {
    };
    std::vector<Case> const cases{
       {"not UEFI, no TPM, defaults on", {{kDefaults, kBothOn}}, 1, false, 2, {}},
-      {"not UEFI, no TPM, no defaults", {}, 1, false, 0, {}},
       {"UEFI without a SecureBoot variable", with(uefi, {{kDefaults, kBothOn}}), 1, false, 2, {}},
       {"secure boot on, TPM 2.0 with an event log", with(tpm2, {{kSecureBoot, kOn}, {kDefaults, kBothOn}, {kEventLog, "log"}}),
        32, true, 0, {}},
@@ -137,7 +124,7 @@ TEST(LiveHost, EveryReasonKindNamesTheFactTheCauseAndWhatToDo) {
       char const *name;
       std::map<String, String> files;  // below the system root
       String lscpu;
-      String state;                    // "entity attribute=value" set by --state
+      String state;                    // members of --state's "entities"
       String expected;                 // prefix of one diagnostic line
    };
    std::vector<Case> const cases{
@@ -157,24 +144,21 @@ TEST(LiveHost, EveryReasonKindNamesTheFactTheCauseAndWhatToDo) {
        fis + "no PsbStatus variable: the firmware does not publish the Platform Secure Boot state []"},
       {"short PsbStatus", {{kPsbStatus, String(79, '\0')}}, kAmd, {}, fis + "the PsbStatus variable holds 79 bytes, not 80 []"},
       {"long PsbStatus", {{kPsbStatus, String(81, '\0')}}, kAmd, {}, fis + "the PsbStatus variable holds more than 80 bytes []"},
-      {"PsbStatus a folder", {{kPsbStatus + "/", ""}}, kAmd, {}, fis + "/sys/firmware/efi/efivars/PsbStatus-"},
       {"virtual machine", {{"proc/cpuinfo", "processor\t: 0\nflags\t\t: fpu hypervisor\n"}}, kAmd, {},
        fis + "running in a virtual machine (the CPU flags include hypervisor): first-instruction security is the "
              "host's and is not visible here; not booted through UEFI"},
-      {"features file missing", {}, kIntel, "tarn/features/status featuresFilePath=missing",
+      {"features file missing", {}, kIntel, R"("tarn/features/status": {"featuresFilePath": "missing"})",
        "tarn/features/status featureRev: cannot open SW/missing: No such file or directory [set featuresFilePath if the "
        "file is elsewhere]"},
-      {"features file a folder", {}, kIntel, "tarn/features/status featuresFilePath=.",
-       "tarn/features/status featureRev: SW/. is a folder, not a file [set featuresFilePath"},
-      {"version file empty", {}, kIntel, "sentrel/measuredBootVersion tarnVersionFilePath=empty",
+      {"version file empty", {}, kIntel, R"("sentrel/measuredBootVersion": {"tarnVersionFilePath": "empty"})",
        "sentrel/measuredBootVersion tarn: SW/empty is empty or its first line is 64 characters or longer []"},
-      {"image version not JSON", {}, kIntel, "sentrel/measuredBootVersion vexoVersionFilePath=empty",
+      {"image version not JSON", {}, kIntel, R"("sentrel/measuredBootVersion": {"vexoVersionFilePath": "empty"})",
        "sentrel/measuredBootVersion vexo: SW/empty is not valid JSON: The document is empty. (byte 0) []"},
-      {"image version without the member", {}, kIntel, "sentrel/measuredBootVersion vexoVersionFilePath=obj",
+      {"image version without the member", {}, kIntel, R"("sentrel/measuredBootVersion": {"vexoVersionFilePath": "obj"})",
        "sentrel/measuredBootVersion vexo: SW/obj has no \"measuredBootVersion\" member []"},
-      {"boot config missing", {}, kIntel, "tarn/pcrConfig/status configuredPcrBankFilePath=missing",
+      {"boot config missing", {}, kIntel, R"("tarn/pcrConfig/status": {"configuredPcrBankFilePath": "missing"})",
        "tarn/pcrConfig/status configuredPcrBank: cannot open SW/missing"},
-      {"error log a folder", {}, kIntel, "tarn/pcrConfig/status errorLogFilePath=.",
+      {"error log a folder", {}, kIntel, R"("tarn/pcrConfig/status": {"errorLogFilePath": "."})",
        "tarn/pcrConfig/status requiredPcrNotConfigured: SW/. is a folder"},
       {"defaults unreadable", {{kDefaults + "/", ""}}, kIntel, {},
        "hardware/sentrel/config/sentrel : manufacturing defaults unknown: /etc/sentrel/defaults.json is a folder"},
@@ -185,12 +169,8 @@ TEST(LiveHost, EveryReasonKindNamesTheFactTheCauseAndWhatToDo) {
       host.sw.file("empty", "");
       host.sw.file("obj", "{}");
       std::vector<String> args{"--format", "json"};
-      if (!c.state.empty()) {
-         auto const space = c.state.find(' '), eq = c.state.find('=');
-         String const json = R"({"entities": {")" + c.state.substr(0, space) + R"(": {")" +
-                             c.state.substr(space + 1, eq - space - 1) + R"(": ")" + c.state.substr(eq + 1) + R"("}}})";
-         args.insert(args.end(), {"--live", "--state", host.sw.file("state.json", json)});
-      }
+      String const state = R"({"entities": {)" + c.state + "}}";
+      if (!c.state.empty()) args.insert(args.end(), {"--live", "--state", host.sw.file("state.json", state)});
       auto const r = host.run(args);
       ASSERT_EQ(r.exitCode, 0) << r.err;
       String expected = c.expected;
@@ -233,25 +213,6 @@ TEST(LiveHost, TextReportAnswersTheOperatorsQuestions) {
              String::npos)
       << r.out;
    EXPECT_TRUE(r.out.ends_with("\n0 warnings, 18 unknown facts\n")) << r.out;
-}
-
-// The agent's commands run in the C locale, whatever the caller's: a
-// translated lscpu would otherwise lose every first-instruction fact.
-TEST(LiveHost, TranslatedLscpuIsReadInTheCLocale) {
-   LiveHost host({}, "");
-   host.sw.script("bin/lscpu", "if [ \"$LC_ALL\" = C ]; then echo 'Vendor ID: GenuineIntel'; "
-                               "else echo 'Anbieterkennung: GenuineIntel'; fi\n");
-   auto d = parseJson(host.run({"--format", "json"}, {"LC_ALL=de_DE.UTF-8", "LANG=de_DE.UTF-8"}).out);
-   EXPECT_STREQ(d["entities"]["sentrel/firstInstructionSecurity"]["cpuVendor"].GetString(), "GenuineIntel");
-}
-
-TEST(LiveHost, MalformedDefaultsFileIsAnUnusableInput) {
-   LiveHost host({{kDefaults, R"({"secureBootEnabled": 1})"}}, kIntel);
-   auto r = host.run({});
-   EXPECT_EQ(r.exitCode, 2);
-   EXPECT_EQ(r.out, "");
-   EXPECT_EQ(r.err, "sentrel: /etc/sentrel/defaults.json: byte 22: secureBootEnabled: expected true or false, not "
-                    "number\n");
 }
 
 // Runs with every toggle off (tests/toggles/all-off): the facts left empty

@@ -39,7 +39,6 @@ TEST(MeasuredBootVersionSm, EachFileGivesItsVersionOrAnEmptyOne) {
    };
    std::vector<Case> const cases{
       {std::nullopt, vexo, "", "1", {"Cannot open Tarn measured boot version file"}},
-      {"2\r\n", vexo, "2\r", "1", {}},
       {" 2 \nsecond\n", vexo, " 2 ", "1", {}},
       {l63 + "\n", vexo, l63, "1", {}},
       {l64, vexo, "", "1", {cannotRead}},
