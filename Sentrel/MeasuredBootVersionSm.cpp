@@ -1,7 +1,6 @@
 #include "Sentrel/MeasuredBootVersionSm.h"
 
 #include <cerrno>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "Sentrel/FileReading.h"
@@ -45,7 +44,7 @@ void MeasuredBootVersionSm::handleInitialized() {
 void MeasuredBootVersionSm::readTarnMeasuredBootVersion() {
    TRACE7("void Sentrel::MeasuredBootVersionSm::readTarnMeasuredBootVersion()");
    String const &path = measuredBootVersion_->tarnVersionFilePath();
-   int const fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+   int const fd = Loom::openInputFile(path);
    if (fd < 0) {
       int const err = errno;
       TRACE2("Cannot open Tarn measured boot version file");

@@ -268,7 +268,7 @@ class Reader {
    // at a time as it is read, and on a switch with many cores all of it
    // costs milliseconds.
    static String firstCpuFlags() {
-      int const fd = open(Loom::sysrootPath(kCpuinfo).c_str(), O_RDONLY | O_CLOEXEC);
+      int const fd = Loom::openInputFile(Loom::sysrootPath(kCpuinfo));
       if (fd < 0) return {};
       String text = "\n";
       char chunk[1024];

@@ -48,17 +48,23 @@ FileText readWholeFd(int fd, std::size_t maxBytes) {
    return f;
 }
 
-FileText readWholeFile(String const &path, std::size_t maxBytes) {
+int openInputFile(String const &path) {
    // Non-blocking only for the open: a FIFO without a writer must not hang it.
    int const fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+   if (fd < 0) return -1;
+   int const flags = fcntl(fd, F_GETFL);
+   if (flags >= 0) fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+   return fd;
+}
+
+FileText readWholeFile(String const &path, std::size_t maxBytes) {
+   int const fd = openInputFile(path);
    if (fd < 0) {
       FileText f;
       f.cap = maxBytes;
       f.error = errno;
       return f;
    }
-   int const flags = fcntl(fd, F_GETFL);
-   if (flags >= 0) fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
    FileText f = readWholeFd(fd, maxBytes);
    close(fd);
    return f;

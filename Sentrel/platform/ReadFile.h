@@ -21,8 +21,11 @@ struct LOOM_API FileText {
    String problem() const;
 };
 
-// Reads the file at `path` (close-on-exec, never through a blocking open of a
-// FIFO: O_NONBLOCK is cleared once it is open).
+// Opens `path` for reading, close-on-exec and never through a blocking open
+// of a FIFO (O_NONBLOCK is cleared once it is open); -1 with errno set.
+LOOM_API int openInputFile(String const &path);
+
+// Reads the file at `path`, opened as openInputFile does.
 LOOM_API FileText readWholeFile(String const &path, std::size_t maxBytes);
 // Files read whole are small (a variable, a version, a JSON document): more
 // than this is a wrong path, not input.
