@@ -11,11 +11,7 @@ namespace {
 // A small switch whose bootloader files a state file names relative to itself.
 class HostTest : public testing::Test {
  protected:
-   HostTest() {
-      s.sw.file("tarn-version", "2\n");
-      s.sw.file("vexo.json", R"({"measuredBootVersion": "1.1"})");
-      s.sw.file("features", "secureboot:26\nbootguard:10\n");
-   }
+   HostTest() { s.bootloaderFiles(); }
    HostRun run(std::vector<String> const &args, String const &input = "") { return s.run(args, {}, input); }
    FakeSwitch s;
 };

@@ -17,11 +17,7 @@ using Strings = std::vector<String>;
 // The host run on a small switch with bootloader files beside the state file.
 class Metrics : public testing::Test {
  protected:
-   Metrics() {
-      host.sw.file("tarn-version", "2\n");
-      host.sw.file("vexo.json", R"({"measuredBootVersion": "1.1"})");
-      host.sw.file("features", "secureboot:26\nbootguard:10\n");
-   }
+   Metrics() { host.bootloaderFiles(); }
 
    HostRun run(String const &entities, String const &format, Strings args = {}) {
       args.insert(args.end(), {"--state", host.state(entities), "--format", format});

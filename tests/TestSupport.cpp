@@ -117,6 +117,12 @@ String FakeSwitch::state(String const &entities) const {
    return sw.file("state.json", R"({"entities": {)" + entities + "}}");
 }
 
+void FakeSwitch::bootloaderFiles() const {
+   sw.file("tarn-version", "2\n");
+   sw.file("vexo.json", R"({"measuredBootVersion": "1.1"})");
+   sw.file("features", "secureboot:26\nbootguard:10\n");
+}
+
 rapidjson::Document parseJson(String const &text) {
    rapidjson::Document d;
    d.Parse(text.c_str(), text.size());

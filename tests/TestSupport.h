@@ -102,6 +102,9 @@ struct FakeSwitch {
    HostRun run(std::vector<String> args, std::vector<String> env = {}, String const &input = "") const;
    // A state file holding `entities`, the members of its "entities" object.
    String state(String const &entities) const;
+   // Bootloader files beside the state file: version 2, image 1.1, secure
+   // boot revision 26 and Boot Guard 10.
+   void bootloaderFiles() const;
    TempDir sw, toggles;
 };
 
