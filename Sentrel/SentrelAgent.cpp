@@ -51,14 +51,11 @@ Ptr<T> lookupAs(Ledger::EntityManager const &em) {
 Loom::AllocationTracker Agent::memAllocationTracker_{"Sentrel::Agent"};
 
 Loom::TypeInfo const &Agent::typeInfo() {
-#define SENTREL_AGENT_SETTABLE_(T, name) t.attrs.push_back(Loom::attr(#name, &Agent::name, &Agent::name##Is));
-#define SENTREL_AGENT_READABLE_(T, name) t.attrs.push_back(Loom::attr(#name, &Agent::name));
-   static Loom::TypeInfo const t = [] {
-      Loom::TypeInfo t{"Sentrel::Agent", {}, {}, nullptr,
-                       [](Loom::String const &name) { return Ptr<Loom::Object>(AgentIs(name)); }};
-      SENTREL_AGENT_ATTRS(SENTREL_AGENT_SETTABLE_, SENTREL_AGENT_READABLE_)
-      return t;
-   }();
+#define SENTREL_AGENT_SETTABLE_(T, name) Loom::attr<&Agent::name, &Agent::name##Is>(#name),
+#define SENTREL_AGENT_READABLE_(T, name) Loom::attr<&Agent::name>(#name),
+   static constexpr Loom::AttrInfo attrs[] = {SENTREL_AGENT_ATTRS(SENTREL_AGENT_SETTABLE_, SENTREL_AGENT_READABLE_)};
+   static constexpr Loom::TypeInfo t{"Sentrel::Agent", attrs, {}, nullptr,
+                                     [](Loom::String const &name) { return Ptr<Loom::Object>(AgentIs(name)); }};
    return t;
 }
 

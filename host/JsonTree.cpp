@@ -159,7 +159,7 @@ std::optional<JsonNode> parseJson(String const &text, JsonError &error) {
 
 namespace {
 // Length of the valid UTF-8 sequence at s[i], or 0.
-std::size_t utf8Length(String const &s, std::size_t i) {
+std::size_t utf8Length(std::string_view s, std::size_t i) {
    auto const b = static_cast<unsigned char>(s[i]);
    std::size_t len;
    std::uint32_t cp;
@@ -187,14 +187,14 @@ std::size_t utf8Length(String const &s, std::size_t i) {
 }
 }  // namespace
 
-String jsonQuote(String const &bytes) {
+String jsonQuote(std::string_view bytes) {
    static char const hex[] = "0123456789abcdef";
    String out = "\"";
    for (std::size_t i = 0; i < bytes.size();) {
       auto const b = static_cast<unsigned char>(bytes[i]);
       std::size_t const len = utf8Length(bytes, i);
       if (len > 1) {
-         out.append(bytes, i, len);
+         out.append(bytes.substr(i, len));
          i += len;
          continue;
       }

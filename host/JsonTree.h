@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -41,6 +42,6 @@ std::optional<JsonNode> parseJson(String const &text, JsonError &error);
 
 // A JSON string literal for any bytes: valid UTF-8 is kept byte for byte,
 // every other byte becomes the code point of the same value (\u00XX).
-String jsonQuote(String const &bytes);
+String jsonQuote(std::string_view bytes);
 
 }  // namespace SentrelHost

@@ -85,7 +85,7 @@ Families collect(Ledger::EntityManager const &em, std::vector<Diagnostic> const 
       f[EntityPresent].samples.push_back({{{"entity", entry.path}}, e ? 1u : 0u});
       if (!e) continue;
       for (auto const &a : e->typeData().attrs) {
-         if (a.kind != Loom::Kind::Ref) addAttribute(f, entry.path, a.name, a.get(*e));
+         if (a.kind != Loom::Kind::Ref) addAttribute(f, entry.path, String(a.name), a.get(*e));
       }
    }
    // A fact with two reasons is still one series.

@@ -12,7 +12,7 @@ namespace SentrelHost {
 namespace {
 
 template <class Writer>
-void key(Writer &w, String const &k) {
+void key(Writer &w, std::string_view k) {
    auto q = jsonQuote(k);
    w.RawValue(q.c_str(), q.size(), rapidjson::kStringType);
 }
@@ -88,7 +88,7 @@ void reasonText(String &out, std::size_t column, Diagnostic const &d, Diagnostic
 
 void entityText(String &out, String const &path, Loom::Entity const *e, std::vector<Diagnostic> const &diags = {}) {
    out += path + "\n";
-   auto reasonOf = [&](String const &attr) -> Diagnostic const * {
+   auto reasonOf = [&](std::string_view attr) -> Diagnostic const * {
       for (auto const &d : diags) {
          if (d.entity == path && d.attribute == attr) return &d;
       }
@@ -103,7 +103,11 @@ void entityText(String &out, String const &path, Loom::Entity const *e, std::vec
    for (auto const &a : e->typeData().attrs) width = std::max(width, a.name.size());
    Diagnostic const *previous = nullptr;
    for (auto const &a : e->typeData().attrs) {
-      out += "  " + a.name + String(width - a.name.size() + 2, ' ') + valueText(a.get(*e)) + "\n";
+      out += "  ";
+      out += a.name;
+      out.append(width - a.name.size() + 2, ' ');
+      out += valueText(a.get(*e));
+      out += '\n';
       if (auto const *d = reasonOf(a.name)) {
          reasonText(out, width + 4, *d, previous);
          previous = d;

@@ -159,7 +159,7 @@ TEST(Agent, ARefusedReferenceLeavesTheOldOneAndOnlyLifecycleReferencesAreSettabl
    // Exactly the references of the lifecycle are settable; the machines are not.
    std::vector<Loom::String> settable;
    for (auto const &attr : a.typeData().attrs) {
-      if (attr.set) settable.push_back(attr.name);
+      if (attr.set) settable.emplace_back(attr.name);
    }
    EXPECT_EQ(settable, (std::vector<Loom::String>{"measuredBootVersion", "tarnFeatureStatus", "sbStatus",
                                                   "tarnPcrConfigStatus", "firstInstructionSecurity",

@@ -116,7 +116,7 @@ void Node::loomDoZombieReactors(bool zombie) {
 AllocationTracker Dir::memAllocationTracker_{"Loom::Dir"};
 
 TypeInfo const &Dir::typeInfo() {
-   static TypeInfo const t{"Loom::Dir", {}, {}, [] { return Ptr<Object>(make<Dir>()); }};
+   static constexpr TypeInfo t{"Loom::Dir", {}, {}, &create<Dir>};
    return t;
 }
 
@@ -133,7 +133,7 @@ NewEntityArgumentsError::~NewEntityArgumentsError() = default;
 
 Ptr<Entity> Dir::entityNew(String const &name, TypeInfo const &type, std::vector<Value> const &args) {
    if (!args.empty()) {
-      throw NewEntityArgumentsError(type.name + " \"" + name + "\" takes no constructor arguments, given " +
+      throw NewEntityArgumentsError(String(type.name) + " \"" + name + "\" takes no constructor arguments, given " +
                                     std::to_string(args.size()));
    }
    auto e = ptrCast<Entity>(type.createNamed ? type.createNamed(name) : type.create ? type.create() : nullptr);

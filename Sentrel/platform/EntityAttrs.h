@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iterator>
 #include <type_traits>
 
 #include "Sentrel/platform/Entity.h"
@@ -35,10 +36,10 @@ using Pass = std::conditional_t<std::is_scalar_v<T>, T, T const &>;
    void name##Is(::Loom::String const &v) { insertInto(name##_, v, Attr::name); }
 #define LOOM_ATTR_SETTER_map(T, name) \
    void name##Is(::Loom::String const &k, std::uint32_t v) { insertInto(name##_, k, v, Attr::name); }
-#define LOOM_ATTR_INFO_(kind, T, name, dflt) t.attrs.push_back(LOOM_ATTR_INFO_##kind(name));
-#define LOOM_ATTR_INFO_value(name) ::Loom::attr(#name, &Self::name, &Self::name##Is)
-#define LOOM_ATTR_INFO_set(name) ::Loom::setAttr(#name, &Self::name, &Self::name##Is)
-#define LOOM_ATTR_INFO_map(name) ::Loom::mapAttr(#name, &Self::name, &Self::name##Is)
+#define LOOM_ATTR_INFO_(kind, T, name, dflt) LOOM_ATTR_INFO_##kind(name),
+#define LOOM_ATTR_INFO_value(name) ::Loom::attr<&Self::name, &Self::name##Is>(#name)
+#define LOOM_ATTR_INFO_set(name) ::Loom::setAttr<&Self::name, &Self::name##Is>(#name)
+#define LOOM_ATTR_INFO_map(name) ::Loom::mapAttr<&Self::name, &Self::name##Is>(#name)
 
 #define LOOM_ENTITY(E, LIST)                                                   \
  public:                                                                       \
@@ -63,11 +64,10 @@ using Pass = std::conditional_t<std::is_scalar_v<T>, T, T const &>;
    E::~E() = default;                                                          \
    ::Loom::TypeInfo const &E::typeInfo() {                                     \
       using Self [[maybe_unused]] = E;                                         \
-      static ::Loom::TypeInfo const t = [] {                                   \
-         ::Loom::TypeInfo t{#NS "::" #E, {}, {}, ::Loom::creator<E>()};        \
-         LIST(LOOM_ATTR_INFO_)                                                 \
-         return t;                                                             \
-      }();                                                                     \
+      /* An empty last entry: a type without attributes still has an array. */ \
+      static constexpr ::Loom::AttrInfo attrs[] = {LIST(LOOM_ATTR_INFO_){}};  \
+      static constexpr ::Loom::TypeInfo t{                                     \
+         #NS "::" #E, {attrs, std::size(attrs) - 1}, {}, &::Loom::create<E>}; \
       return t;                                                                \
    }                                                                           \
    }

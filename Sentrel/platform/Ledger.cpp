@@ -33,7 +33,7 @@ bool MountFlags::parse(String const &mode) {
 Loom::AllocationTracker MountGroup::memAllocationTracker_{"Ledger::MountGroup"};
 
 Loom::TypeInfo const &MountGroup::typeInfo() {
-   static Loom::TypeInfo const t{"Ledger::MountGroup", {}, {}, nullptr};
+   static constexpr Loom::TypeInfo t{"Ledger::MountGroup", {}, {}, nullptr};
    return t;
 }
 
@@ -42,7 +42,7 @@ void MountGroup::doClose(bool, String const &, std::chrono::nanoseconds) { close
 Loom::AllocationTracker EntityManager::memAllocationTracker_{"Ledger::EntityManager"};
 
 Loom::TypeInfo const &EntityManager::typeInfo() {
-   static Loom::TypeInfo const t{"Ledger::EntityManager", {}, {}, nullptr};
+   static constexpr Loom::TypeInfo t{"Ledger::EntityManager", {}, {}, nullptr};
    return t;
 }
 

@@ -53,8 +53,8 @@ Ptr<Sm> stateMachineNew(Args const &...args) {
 #define LOOM_SM_GETTER_(T, name) \
    Ptr<T> const &name() const { return name##_; }
 #define LOOM_SM_FIELD_(T, name) Ptr<T> name##_;
-#define LOOM_SM_REF_INFO_(T, name) t.attrs.push_back(::Loom::attr(#name, &Self::name));
-#define LOOM_SM_OP_INFO_(name) t.ops.push_back(::Loom::op(#name, &Self::name));
+#define LOOM_SM_REF_INFO_(T, name) ::Loom::attr<&Self::name>(#name),
+#define LOOM_SM_OP_INFO_(name) ::Loom::op<&Self::name>(#name),
 
 #define LOOM_STATE_MACHINE(S, ARGS)                                                 \
  public:                                                                            \
@@ -81,13 +81,10 @@ Ptr<Sm> stateMachineNew(Args const &...args) {
    S::~S() = default;                                                               \
    ::Loom::TypeInfo const &S::typeInfo() {                                          \
       using Self = S;                                                               \
-      static ::Loom::TypeInfo const t = [] {                                        \
-         ::Loom::TypeInfo t{#NS "::" #S, {}, {}, nullptr};                          \
-         ARGS(LOOM_SM_REF_INFO_)                                                    \
-         t.attrs.push_back(::Loom::attr("initialized", &Self::initialized, &Self::initializedIs)); \
-         OPS(LOOM_SM_OP_INFO_)                                                      \
-         return t;                                                                  \
-      }();                                                                          \
+      static constexpr ::Loom::AttrInfo attrs[] = {                                 \
+         ARGS(LOOM_SM_REF_INFO_)::Loom::attr<&Self::initialized, &Self::initializedIs>("initialized")}; \
+      static constexpr ::Loom::OpInfo ops[] = {OPS(LOOM_SM_OP_INFO_)};              \
+      static constexpr ::Loom::TypeInfo t{#NS "::" #S, attrs, ops};                 \
       return t;                                                                     \
    }                                                                                \
    }

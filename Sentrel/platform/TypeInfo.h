@@ -1,13 +1,15 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
+#include <initializer_list>
 #include <limits>
 #include <string>
 #include <type_traits>
 #include <map>
 #include <optional>
 #include <set>
+#include <span>
+#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -45,39 +47,39 @@ using Value = std::variant<bool, std::uint64_t, String, std::vector<String>,
 // nullopt on success, otherwise what was wrong with the value.
 using Error = std::optional<String>;
 
+// Descriptions are constant tables, built when the program is compiled:
+// loading a library then costs no construction, no allocation and no
+// destruction at exit.
 struct AttrInfo {
-   String name;
+   std::string_view name;
    Kind kind;
    std::uint64_t max = 0;  // largest value of an Unsigned attribute
-   std::function<Value(Object const &)> get;
-   std::function<Error(Object &, Value const &)> set;     // empty: not settable
-   std::function<Error(Object &, Value const &)> insert;  // sets and maps: one element
+   Value (*get)(Object const &) = nullptr;
+   Error (*set)(Object &, Value const &) = nullptr;     // null: not settable
+   Error (*insert)(Object &, Value const &) = nullptr;  // sets and maps: one element
 };
 
 struct OpInfo {
-   String name;
+   std::string_view name;
    // The operation's result as text, when it has one.
-   std::function<std::optional<String>(Object &)> invoke;
+   std::optional<String> (*invoke)(Object &) = nullptr;
 };
 
-// Descriptions push each attribute and operation in (a move) rather than
-// list them in braces: a braced list is copied, and copying a std::function
-// calls its manager, so every start would touch code all over the library.
 struct LOOM_API TypeInfo {
-   String name;
-   std::vector<AttrInfo> attrs;
-   std::vector<OpInfo> ops;
-   std::function<Ptr<Object>()> create;  // entity types: a new entity at defaults
+   std::string_view name;
+   std::span<AttrInfo const> attrs;
+   std::span<OpInfo const> ops;
+   Ptr<Object> (*create)() = nullptr;  // entity types: a new entity at defaults
    // Types built from a name alone, as agents are: a new object of that name.
-   std::function<Ptr<Object>(String const &name)> createNamed = nullptr;
+   Ptr<Object> (*createNamed)(String const &name) = nullptr;
 
-   AttrInfo const *attr(String const &n) const;
-   OpInfo const *op(String const &n) const;
+   AttrInfo const *attr(std::string_view n) const;
+   OpInfo const *op(std::string_view n) const;
 };
 
 // Called when a module is loaded: makes its types known by name.
-LOOM_API void moduleLoaded(char const *module, std::vector<TypeInfo const *> const &types);
-LOOM_API TypeInfo const *findType(String const &name);
+LOOM_API void moduleLoaded(char const *module, std::initializer_list<TypeInfo const *> types);
+LOOM_API TypeInfo const *findType(std::string_view name);
 
 // Conversions between attribute types and generic values.
 template <class T>
@@ -124,76 +126,100 @@ struct ValueTraits<String> {
    }
 };
 
-// Builders of attribute descriptions from an entity's getter and setter.
+// The class and result of an accessor, a setter or an operation.
+template <class M>
+struct Member;
 template <class E, class R>
-AttrInfo attr(char const *name, R (E::*get)() const) {
-   using T = std::remove_cvref_t<R>;
-   AttrInfo a{name, ValueTraits<T>::kind, 0, nullptr, nullptr, nullptr};
-   if constexpr (std::is_unsigned_v<T> && !std::is_same_v<T, bool>) {
-      a.max = std::numeric_limits<T>::max();
+struct Member<R (E::*)() const> {
+   using Class = E;
+   using Type = std::remove_cvref_t<R>;
+};
+template <class E, class R>
+struct Member<R (E::*)()> {
+   using Class = E;
+   using Type = R;
+};
+
+template <auto Get>
+Value getValue(Object const &o) {
+   using M = Member<decltype(Get)>;
+   return ValueTraits<typename M::Type>::to((static_cast<typename M::Class const &>(o).*Get)());
+}
+
+template <auto Get, auto Set>
+Error setValue(Object &o, Value const &v) {
+   using T = typename Member<decltype(Get)>::Type;
+   using E = typename Member<decltype(Get)>::Class;
+   T t{};
+   if (auto e = ValueTraits<T>::from(v, t)) return e;
+   (static_cast<E &>(o).*Set)(t);
+   return std::nullopt;
+}
+
+// Builders of attribute descriptions from an entity's getter and setter.
+template <auto Get, auto Set = nullptr>
+constexpr AttrInfo attr(std::string_view name) {
+   using T = typename Member<decltype(Get)>::Type;
+   AttrInfo a{name, ValueTraits<T>::kind};
+   if constexpr (std::is_unsigned_v<T> && !std::is_same_v<T, bool>) a.max = std::numeric_limits<T>::max();
+   a.get = &getValue<Get>;
+   if constexpr (!std::is_null_pointer_v<decltype(Set)>) a.set = &setValue<Get, Set>;
+   return a;
+}
+
+template <auto Get>
+Value setValues(Object const &o) {
+   auto const &s = (static_cast<typename Member<decltype(Get)>::Class const &>(o).*Get)();
+   return Value{std::vector<String>(s.begin(), s.end())};
+}
+
+template <auto Get, auto Insert>
+Error insertIntoSet(Object &o, Value const &v) {
+   auto const *s = std::get_if<String>(&v);
+   if (!s) return "expected a string";
+   (static_cast<typename Member<decltype(Get)>::Class &>(o).*Insert)(*s);
+   return std::nullopt;
+}
+
+template <auto Get, auto Insert>
+constexpr AttrInfo setAttr(std::string_view name) {
+   return AttrInfo{name, Kind::StringSet, 0, &setValues<Get>, nullptr, &insertIntoSet<Get, Insert>};
+}
+
+template <auto Get>
+Value mapValues(Object const &o) {
+   auto const &m = (static_cast<typename Member<decltype(Get)>::Class const &>(o).*Get)();
+   return Value{std::vector<std::pair<String, std::uint32_t>>(m.begin(), m.end())};
+}
+
+template <auto Get, auto Insert>
+Error insertIntoMap(Object &o, Value const &v) {
+   auto const *kv = std::get_if<std::vector<std::pair<String, std::uint32_t>>>(&v);
+   if (!kv) return "expected an object of names to integers";
+   for (auto const &[k, n] : *kv) (static_cast<typename Member<decltype(Get)>::Class &>(o).*Insert)(k, n);
+   return std::nullopt;
+}
+
+template <auto Get, auto Insert>
+constexpr AttrInfo mapAttr(std::string_view name) {
+   return AttrInfo{name, Kind::StringU32Map, 0xffffffffu, &mapValues<Get>, nullptr, &insertIntoMap<Get, Insert>};
+}
+
+template <auto Fn>
+std::optional<String> invokeOp(Object &o) {
+   using M = Member<decltype(Fn)>;
+   if constexpr (std::is_void_v<typename M::Type>) {
+      (static_cast<typename M::Class &>(o).*Fn)();
+      return std::nullopt;
+   } else {
+      return String((static_cast<typename M::Class &>(o).*Fn)());
    }
-   a.get = [get](Object const &o) { return ValueTraits<T>::to((static_cast<E const &>(o).*get)()); };
-   return a;
-}
-
-template <class E, class R, class A>
-AttrInfo attr(char const *name, R (E::*get)() const, void (E::*set)(A)) {
-   using T = std::remove_cvref_t<R>;
-   AttrInfo a = attr(name, get);
-   a.set = [set](Object &o, Value const &v) -> Error {
-      T t{};
-      if (auto e = ValueTraits<T>::from(v, t)) return e;
-      (static_cast<E &>(o).*set)(t);
-      return std::nullopt;
-   };
-   return a;
-}
-
-template <class E>
-AttrInfo setAttr(char const *name, StringSet const &(E::*get)() const,
-                 void (E::*insert)(String const &)) {
-   AttrInfo a{name, Kind::StringSet, 0, nullptr, nullptr, nullptr};
-   a.get = [get](Object const &o) {
-      auto const &s = (static_cast<E const &>(o).*get)();
-      return Value{std::vector<String>(s.begin(), s.end())};
-   };
-   a.insert = [insert](Object &o, Value const &v) -> Error {
-      auto const *s = std::get_if<String>(&v);
-      if (!s) return "expected a string";
-      (static_cast<E &>(o).*insert)(*s);
-      return std::nullopt;
-   };
-   return a;
-}
-
-template <class E>
-AttrInfo mapAttr(char const *name, StringU32Map const &(E::*get)() const,
-                 void (E::*insert)(String const &, std::uint32_t)) {
-   AttrInfo a{name, Kind::StringU32Map, 0xffffffffu, nullptr, nullptr, nullptr};
-   a.get = [get](Object const &o) {
-      auto const &m = (static_cast<E const &>(o).*get)();
-      return Value{std::vector<std::pair<String, std::uint32_t>>(m.begin(), m.end())};
-   };
-   a.insert = [insert](Object &o, Value const &v) -> Error {
-      auto const *kv = std::get_if<std::vector<std::pair<String, std::uint32_t>>>(&v);
-      if (!kv) return "expected an object of names to integers";
-      for (auto const &[k, n] : *kv) (static_cast<E &>(o).*insert)(k, n);
-      return std::nullopt;
-   };
-   return a;
 }
 
 // Builder of an operation description; a String result is reported.
-template <class E, class R>
-OpInfo op(char const *name, R (E::*fn)()) {
-   return OpInfo{name, [fn](Object &o) -> std::optional<String> {
-                    if constexpr (std::is_void_v<R>) {
-                       (static_cast<E &>(o).*fn)();
-                       return std::nullopt;
-                    } else {
-                       return String((static_cast<E &>(o).*fn)());
-                    }
-                 }};
+template <auto Fn>
+constexpr OpInfo op(std::string_view name) {
+   return OpInfo{name, &invokeOp<Fn>};
 }
 
 // Base of everything that has a type description: entities and nodes.
@@ -214,7 +240,7 @@ struct ValueTraits<Ptr<X>> {
    static Value to(Ptr<X> const &v) { return static_cast<Object const *>(v.ptr()); }
    static Error from(Value const &v, Ptr<X> &out) {
       using Plain = std::remove_const_t<X>;
-      String const &want = Plain::typeInfo().name;
+      String const want(Plain::typeInfo().name);
       auto const *o = std::get_if<Object const *>(&v);
       if (!o) return "expected a reference to a " + want;
       if (!*o) {
@@ -222,7 +248,7 @@ struct ValueTraits<Ptr<X>> {
          return std::nullopt;
       }
       auto *x = (*o)->typeData().name == want ? dynamic_cast<Plain *>(const_cast<Object *>(*o)) : nullptr;
-      if (!x) return "expected a " + want + ", not a " + (*o)->typeData().name;
+      if (!x) return "expected a " + want + ", not a " + String((*o)->typeData().name);
       out = Ptr<X>(x);
       return std::nullopt;
    }
@@ -230,8 +256,8 @@ struct ValueTraits<Ptr<X>> {
 
 // The creator of an entity type's description: a new entity at defaults.
 template <class E>
-std::function<Ptr<Object>()> creator() {
-   return [] { return Ptr<Object>(make<E>()); };
+Ptr<Object> create() {
+   return Ptr<Object>(make<E>());
 }
 
 }  // namespace Loom

@@ -1,39 +1,49 @@
 #include "Sentrel/types/StateTree.h"
 
-#include <algorithm>
+#include <array>
+#include <iterator>
 
 namespace Sentrel {
 
-std::vector<StateTreeEntry> const &stateTreeMounts() {
-   static std::vector<StateTreeEntry> const table{
-      {"sentrel/measuredBootVersion", "Sentrel::MeasuredBootVersion", true, "w", false},
-      {"sentrel/firstInstructionSecurity", "Sentrel::FirstInstructionSecurity", true, "w", false},
-      {"tarn/features/status", "Tarn::Features::Status", true, "w", false},
-      {"tarn/sb/status", "Tarn::Secureboot::Status", false, "r", false},
-      {"tarn/pcrConfig/status", "Tarn::PcrConfig::Status", true, "w", false},
-      {"hardware/sentrel/config/sentrel", "Hardware::Sentrel::Config", false, "r", true},
-      {"sentrel/integrity/key/keyringColl", "Sentrel::IntegrityKeyringColl", false, "w", false},
-   };
-   return table;
-}
+namespace {
 
-std::vector<StateTreeEntry> const &stateTree() {
-   static std::vector<StateTreeEntry> const tree = [] {
-      auto t = stateTreeMounts();
-      std::stable_partition(t.begin(), t.end(), [](StateTreeEntry const &e) { return e.status; });
-      return t;
-   }();
-   return tree;
-}
+// In the order the agent declares its mounts.
+constexpr StateTreeEntry kMounts[] = {
+   {"sentrel/measuredBootVersion", "Sentrel::MeasuredBootVersion", true, "w", false},
+   {"sentrel/firstInstructionSecurity", "Sentrel::FirstInstructionSecurity", true, "w", false},
+   {"tarn/features/status", "Tarn::Features::Status", true, "w", false},
+   {"tarn/sb/status", "Tarn::Secureboot::Status", false, "r", false},
+   {"tarn/pcrConfig/status", "Tarn::PcrConfig::Status", true, "w", false},
+   {"hardware/sentrel/config/sentrel", "Hardware::Sentrel::Config", false, "r", true},
+   {"sentrel/integrity/key/keyringColl", "Sentrel::IntegrityKeyringColl", false, "w", false},
+};
 
-StateTreeEntry const *stateTreeEntry(Loom::String const &path) {
+// The status entities first, each group in mount order.
+constexpr auto kTree = [] {
+   std::array<StateTreeEntry, std::size(kMounts)> t{};
+   std::size_t n = 0;
+   for (bool status : {true, false}) {
+      for (auto const &e : kMounts) {
+         if (e.status == status) t[n++] = e;
+      }
+   }
+   return t;
+}();
+
+}  // namespace
+
+std::span<StateTreeEntry const> stateTreeMounts() { return kMounts; }
+
+std::span<StateTreeEntry const> stateTree() { return kTree; }
+
+StateTreeEntry const *stateTreeEntry(std::string_view path) {
    for (auto const &e : stateTree()) {
       if (path == e.path) return &e;
    }
    return nullptr;
 }
 
-StateTreeEntry const *stateTreeEntryOfType(Loom::String const &typeName) {
+StateTreeEntry const *stateTreeEntryOfType(std::string_view typeName) {
    for (auto const &e : stateTree()) {
       if (typeName == e.typeName) return &e;
    }

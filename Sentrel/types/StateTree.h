@@ -1,6 +1,7 @@
 #pragma once
 
-#include <vector>
+#include <span>
+#include <string_view>
 
 #include "Sentrel/platform/Ledger.h"
 
@@ -16,13 +17,13 @@ struct StateTreeEntry {
    bool inDir;        // mounted as the Loom::Dir that holds it, not itself
 };
 // In the order they are reported: the status entities, then the inputs.
-LOOM_API std::vector<StateTreeEntry> const &stateTree();
+LOOM_API std::span<StateTreeEntry const> stateTree();
 // The same entries in the order the agent declares its mounts.
-LOOM_API std::vector<StateTreeEntry> const &stateTreeMounts();
+LOOM_API std::span<StateTreeEntry const> stateTreeMounts();
 // The entry of a path, or null when the path is not in the state tree.
-LOOM_API StateTreeEntry const *stateTreeEntry(Loom::String const &path);
+LOOM_API StateTreeEntry const *stateTreeEntry(std::string_view path);
 // The entry of an entity type, or null.
-LOOM_API StateTreeEntry const *stateTreeEntryOfType(Loom::String const &typeName);
+LOOM_API StateTreeEntry const *stateTreeEntryOfType(std::string_view typeName);
 // What the agent mounts for an entry.
 LOOM_API Ledger::Mount stateTreeMount(StateTreeEntry const &e);
 
