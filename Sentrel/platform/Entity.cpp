@@ -120,7 +120,7 @@ TypeInfo const &Dir::typeInfo() {
    return t;
 }
 
-Ptr<Entity> Dir::entity(String const &name) const {
+Ptr<Entity> Dir::entity(std::string_view name) const {
    auto it = entities_.find(name);
    return it == entities_.end() ? Ptr<Entity>() : it->second;
 }

@@ -125,7 +125,7 @@ class LOOM_API Dir : public Entity {
    static TypeInfo const &typeInfo();
    TypeInfo const &typeData() const override { return typeInfo(); }
 
-   Ptr<Entity> entity(String const &name) const;
+   Ptr<Entity> entity(std::string_view name) const;
    void entityIs(String const &name, Ptr<Entity> const &e);
    void entityDel(String const &name);
    // The framework's generic construction path: a new entity of `type`,
@@ -133,11 +133,11 @@ class LOOM_API Dir : public Entity {
    // argument is refused (NewEntityArgumentsError) before anything is
    // built. Null when the type builds no entity.
    Ptr<Entity> entityNew(String const &name, TypeInfo const &type, std::vector<Value> const &args = {});
-   std::map<String, Ptr<Entity>> const &entities() const { return entities_; }
+   std::map<String, Ptr<Entity>, std::less<>> const &entities() const { return entities_; }
 
  private:
    TrackedBy tracked_{memAllocationTracker_};
-   std::map<String, Ptr<Entity>> entities_;
+   std::map<String, Ptr<Entity>, std::less<>> entities_;
 };
 
 }  // namespace Loom

@@ -1,5 +1,7 @@
 #include "Sentrel/platform/Ledger.h"
 
+#include <algorithm>
+
 namespace Ledger {
 
 String Cell::path(String const &p, int) {
@@ -57,16 +59,18 @@ std::pair<String, String> splitLeaf(String const &path) {
 }
 }  // namespace
 
-Ptr<Loom::Entity> EntityManager::lookup(String const &path) const {
+Ptr<Loom::Entity> EntityManager::lookup(std::string_view path) const {
+   // Walked in place: empty components ("a//b", a leading or trailing "/")
+   // name nothing, as in Cell::path.
    Ptr<Loom::Entity> cur = root_;
-   String const p = Cell::path(path, 0);
    std::size_t i = 0;
-   while (cur && i < p.size()) {
-      auto dir = Loom::ptrCast<Loom::Dir>(cur);
-      if (!dir) return nullptr;
-      std::size_t j = p.find('/', i);
-      if (j == String::npos) j = p.size();
-      cur = dir->entity(p.substr(i, j - i));
+   while (cur && i < path.size()) {
+      std::size_t const j = std::min(path.find('/', i), path.size());
+      if (j > i) {
+         auto dir = Loom::ptrCast<Loom::Dir>(cur);
+         if (!dir) return nullptr;
+         cur = dir->entity(path.substr(i, j - i));
+      }
       i = j + 1;
    }
    return cur;

@@ -61,7 +61,7 @@ class LOOM_API EntityManager : public Loom::Object {
 
    EntityManager();
 
-   Ptr<Loom::Entity> lookup(String const &path) const;
+   Ptr<Loom::Entity> lookup(std::string_view path) const;
    // Places an entity at a path, creating the directories above it.
    void entityIs(String const &path, Ptr<Loom::Entity> const &e);
    void entityDel(String const &path);
