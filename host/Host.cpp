@@ -76,17 +76,13 @@ String at(String const &file, std::size_t offset, String const &problem) {
    return file + ": byte " + std::to_string(offset) + ": " + problem;
 }
 
-// An attribute's value as JSON, "absent" for a missing entity, "" for the
-// whole entity when it exists.
-String entityValueJson(Ledger::EntityManager const &em, String const &path, String const &attr) {
+// An attribute's value; nullopt for a missing entity, and a value that
+// never changes for the whole entity when it exists.
+std::optional<Loom::Value> factValue(Ledger::EntityManager const &em, String const &path, String const &attr) {
    auto e = em.lookup(path);
-   if (!e) return "absent";
+   if (!e) return std::nullopt;
    auto const *a = attr.empty() ? nullptr : e->typeData().attr(attr);
-   if (!a) return {};
-   rapidjson::StringBuffer buf;
-   rapidjson::Writer<rapidjson::StringBuffer> w(buf);
-   writeJsonValue(w, a->get(*e));
-   return String(buf.GetString(), buf.GetSize());
+   return a ? a->get(*e) : Loom::Value{};
 }
 
 // Sets an attribute from a JSON value: sets and maps take every element.
@@ -197,12 +193,15 @@ void Host::reasonReceived(Loom::ReasonRecord const &r) {
    String path = r.path;
    if (r.entity) {
       for (auto const &e : Sentrel::stateTree()) {
-         if (em_->lookup(e.path).ptr() == r.entity) path = e.path;
+         if (em_->lookup(e.path).ptr() == r.entity) {
+            path = e.path;
+            break;
+         }
       }
    }
    if (path.empty()) return;  // an entity outside the state tree: nowhere to show it
    auto add = [&](String const &attr) {
-      String value = entityValueJson(*em_, path, attr);
+      auto value = factValue(*em_, path, attr);
       std::erase_if(findings_, [&](Finding const &f) {
          return f.diagnostic.entity == path && f.diagnostic.attribute == attr;
       });
@@ -213,17 +212,21 @@ void Host::reasonReceived(Loom::ReasonRecord const &r) {
 }
 
 std::vector<Diagnostic> Host::diagnostics() const {
-   std::vector<Diagnostic> out;
+   // Ranked once each, then sorted by rank.
+   std::vector<std::pair<std::size_t, Diagnostic>> ranked;
    for (auto const &f : findings_) {
       auto const &d = f.diagnostic;
       // Set since by --state, a script or a later reading: no longer unknown.
-      if (entityValueJson(*em_, d.entity, d.attribute) != f.value) continue;
-      out.push_back(d);
+      if (factValue(*em_, d.entity, d.attribute) != f.value) continue;
+      ranked.emplace_back(rank(d), d);
       if (auto note = notes_.find(d.entity); note != notes_.end()) {
-         out.back().reason = note->second + "; " + d.reason;
+         ranked.back().second.reason = note->second + "; " + d.reason;
       }
    }
-   std::stable_sort(out.begin(), out.end(), [](auto const &a, auto const &b) { return rank(a) < rank(b); });
+   std::stable_sort(ranked.begin(), ranked.end(), [](auto const &a, auto const &b) { return a.first < b.first; });
+   std::vector<Diagnostic> out;
+   out.reserve(ranked.size());
+   for (auto &r : ranked) out.push_back(std::move(r.second));
    return out;
 }
 

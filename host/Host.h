@@ -74,7 +74,7 @@ class Host {
    void reasonReceived(Loom::ReasonRecord const &r);
    struct Finding {
       Diagnostic diagnostic;
-      String value;  // the fact's value then, as JSON ("absent" for an absent entity)
+      std::optional<Loom::Value> value;  // the fact's value then (nullopt: the entity was absent)
    };
    std::vector<Finding> findings_;
    // Said of every reason of an entity (path to text).

@@ -187,10 +187,16 @@ std::size_t utf8Length(std::string_view s, std::size_t i) {
 }
 }  // namespace
 
-String jsonQuote(std::string_view bytes) {
+void appendJsonEscaped(String &out, std::string_view bytes) {
    static char const hex[] = "0123456789abcdef";
-   String out = "\"";
+   auto const plain = [](unsigned char b) { return b >= 0x20 && b < 0x80 && b != '"' && b != '\\'; };
    for (std::size_t i = 0; i < bytes.size();) {
+      // Runs of bytes that stand for themselves go in at once.
+      std::size_t run = i;
+      while (run < bytes.size() && plain(static_cast<unsigned char>(bytes[run]))) ++run;
+      out.append(bytes.substr(i, run - i));
+      if (run == bytes.size()) break;
+      i = run;
       auto const b = static_cast<unsigned char>(bytes[i]);
       std::size_t const len = utf8Length(bytes, i);
       if (len > 1) {
@@ -206,15 +212,18 @@ String jsonQuote(std::string_view bytes) {
          case '\r': out += "\\r"; break;
          case '\t': out += "\\t"; break;
          default:
-            if (b < 0x20 || len == 0) {
-               out += "\\u00";
-               out += hex[b >> 4];
-               out += hex[b & 0xF];
-            } else {
-               out += static_cast<char>(b);
-            }
+            out += "\\u00";
+            out += hex[b >> 4];
+            out += hex[b & 0xF];
       }
    }
+}
+
+String jsonQuote(std::string_view bytes) {
+   String out;
+   out.reserve(bytes.size() + 2);
+   out += '"';
+   appendJsonEscaped(out, bytes);
    out += '"';
    return out;
 }

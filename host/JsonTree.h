@@ -43,5 +43,7 @@ std::optional<JsonNode> parseJson(String const &text, JsonError &error);
 // A JSON string literal for any bytes: valid UTF-8 is kept byte for byte,
 // every other byte becomes the code point of the same value (\u00XX).
 String jsonQuote(std::string_view bytes);
+// The same escapes, without the quotes, added to `out`.
+void appendJsonEscaped(String &out, std::string_view bytes);
 
 }  // namespace SentrelHost

@@ -29,19 +29,22 @@ void writeEntities(Writer &w, Ledger::EntityManager const &em, std::optional<Str
 }
 
 // Text for people: control characters and bytes of broken UTF-8 escaped.
-String printable(String const &s) {
-   String q = jsonQuote(s);
-   return q.substr(1, q.size() - 2);
+String printable(std::string_view s) {
+   String out;
+   appendJsonEscaped(out, s);
+   return out;
 }
 
 // Sentences for people: like printable, but quotes stay as they are.
-String prose(String const &s) {
+String prose(std::string_view s) {
    String out;
    std::size_t pos = 0;
-   for (std::size_t q; (q = s.find('"', pos)) != String::npos; pos = q + 1) {
-      out += printable(s.substr(pos, q - pos)) + '"';
+   for (std::size_t q; (q = s.find('"', pos)) != std::string_view::npos; pos = q + 1) {
+      appendJsonEscaped(out, s.substr(pos, q - pos));
+      out += '"';
    }
-   return out + printable(s.substr(pos));
+   appendJsonEscaped(out, s.substr(pos));
+   return out;
 }
 
 String valueText(Loom::Value const &v) {

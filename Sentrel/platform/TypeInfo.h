@@ -37,6 +37,7 @@ struct VariantValue {
    String alternative;
    String text;
    std::vector<std::pair<String, std::uint64_t>> fields;
+   bool operator==(VariantValue const &) const = default;
 };
 
 // Any attribute's value, as generic code reads and writes it.
