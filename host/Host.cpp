@@ -211,6 +211,12 @@ void Host::reasonReceived(Loom::ReasonRecord const &r) {
    for (auto const &a : r.attributes) add(a);
 }
 
+bool Host::anyUnknown() const {
+   return std::any_of(findings_.begin(), findings_.end(), [&](Finding const &f) {
+      return factValue(*em_, f.diagnostic.entity, f.diagnostic.attribute) == f.value;
+   });
+}
+
 std::vector<Diagnostic> Host::diagnostics() const {
    // Ranked once each, then sorted by rank.
    std::vector<std::pair<std::size_t, Diagnostic>> ranked;

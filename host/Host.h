@@ -49,6 +49,8 @@ class Host {
    // state tree: the latest for each fact, while the fact keeps the value it
    // had when the reason came.
    std::vector<Diagnostic> diagnostics() const;
+   // Whether any fact is still unknown: diagnostics() is not empty.
+   bool anyUnknown() const;
    // Destroys the agent and the database; false if anything is still alive.
    bool shutDown();
 

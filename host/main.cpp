@@ -67,7 +67,7 @@ int main(int argc, char **argv) {
       } else {
          reported = written(writeAll(STDOUT_FILENO, out));
       }
-      bool const unknown = !host.diagnostics().empty();
+      bool const unknown = host.anyUnknown();
       bool const clean = host.shutDown();
       if (!reported) return 2;
       if (!clean) return 3;
