@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sstream>
-
 #include "Sentrel/platform/Trace.h"
 
 namespace Sentrel {
@@ -11,15 +9,15 @@ Loom::TraceHandle const &traceHandle();
 
 }  // namespace Sentrel
 
-// Traces `expr` (stream insertions) at `level`; the text is built only when
-// the level is enabled.
+// Traces `expr` (insertions: strings and integers) at `level`; the text is
+// built only when the level is enabled.
 #define SENTREL_TRACE(level, expr)                                                            \
    do {                                                                                       \
       auto const &sentrelTh_ = ::Sentrel::traceHandle();                                      \
       if (sentrelTh_.enabled(level)) {                                                        \
-         std::ostringstream sentrelOs_;                                                       \
-         sentrelOs_ << expr;                                                                  \
-         sentrelTh_.emit(level, "Sentrel/SentrelAgent", __LINE__, __func__, sentrelOs_.str()); \
+         ::Loom::TextBuilder sentrelText_;                                                    \
+         sentrelText_ << expr;                                                                \
+         sentrelTh_.emit(level, "Sentrel/SentrelAgent", __LINE__, __func__, std::move(sentrelText_.text())); \
       }                                                                                       \
    } while (0)
 

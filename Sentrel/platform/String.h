@@ -1,5 +1,7 @@
 #pragma once
 
+#include <charconv>
+#include <concepts>
 #include <string>
 #include <string_view>
 
@@ -25,6 +27,28 @@ class Pieces {
  private:
    std::string_view rest_;
    char delim_;
+};
+
+// A text put together with <<, as a string stream would: strings as they
+// are, integers in decimal. No stream, so no locale, and nothing of the
+// standard library's streams for the dynamic loader to bind.
+class TextBuilder {
+ public:
+   TextBuilder &operator<<(std::string_view s) {
+      text_ += s;
+      return *this;
+   }
+   template <std::integral I>
+      requires(!std::same_as<I, bool> && !std::same_as<I, char>)
+   TextBuilder &operator<<(I n) {
+      char digits[24];
+      text_.append(digits, std::to_chars(digits, digits + sizeof digits, n).ptr);
+      return *this;
+   }
+   String &text() { return text_; }
+
+ private:
+   String text_;
 };
 
 }  // namespace Loom
