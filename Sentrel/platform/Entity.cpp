@@ -120,9 +120,11 @@ TypeInfo const &Dir::typeInfo() {
    return t;
 }
 
-Ptr<Entity> Dir::entity(std::string_view name) const {
+Ptr<Entity> Dir::entity(std::string_view name) const { return Ptr<Entity>(entityPtr(name)); }
+
+Entity *Dir::entityPtr(std::string_view name) const {
    auto it = entities_.find(name);
-   return it == entities_.end() ? Ptr<Entity>() : it->second;
+   return it == entities_.end() ? nullptr : it->second.ptr();
 }
 
 void Dir::entityIs(String const &name, Ptr<Entity> const &e) { entities_[name] = e; }

@@ -126,6 +126,8 @@ class LOOM_API Dir : public Entity {
    TypeInfo const &typeData() const override { return typeInfo(); }
 
    Ptr<Entity> entity(std::string_view name) const;
+   // The same, without taking a reference: valid while this folder holds it.
+   Entity *entityPtr(std::string_view name) const;
    void entityIs(String const &name, Ptr<Entity> const &e);
    void entityDel(String const &name);
    // The framework's generic construction path: a new entity of `type`,

@@ -62,18 +62,19 @@ std::pair<String, String> splitLeaf(String const &path) {
 Ptr<Loom::Entity> EntityManager::lookup(std::string_view path) const {
    // Walked in place: empty components ("a//b", a leading or trailing "/")
    // name nothing, as in Cell::path.
-   Ptr<Loom::Entity> cur = root_;
+   // A folder is told by its type description, which is one object: no
+   // dynamic_cast, which compares type names as text.
+   Loom::Entity const *cur = root_.ptr();
    std::size_t i = 0;
    while (cur && i < path.size()) {
       std::size_t const j = std::min(path.find('/', i), path.size());
       if (j > i) {
-         auto dir = Loom::ptrCast<Loom::Dir>(cur);
-         if (!dir) return nullptr;
-         cur = dir->entity(path.substr(i, j - i));
+         if (&cur->typeData() != &Loom::Dir::typeInfo()) return nullptr;
+         cur = static_cast<Loom::Dir const *>(cur)->entityPtr(path.substr(i, j - i));
       }
       i = j + 1;
    }
-   return cur;
+   return Ptr<Loom::Entity>(const_cast<Loom::Entity *>(cur));
 }
 
 void EntityManager::entityIs(String const &path, Ptr<Loom::Entity> const &e) {
