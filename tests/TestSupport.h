@@ -13,17 +13,6 @@ namespace SentrelTest {
 
 using Loom::String;
 
-// The agent's warning texts, as tests expect them in the log.
-inline String const kDeprecationTail =
-   " will be deprecated soon. Reason: Secure boot will not work after May 2027 due to certificate expiration. ";
-inline String const kPcrWarningHead =
-   "Error found in PCR bank config. Measured boot functionality may be limited. Please check PCR bank config. "
-   "Reason: ";
-inline String const kSecureBootOffWarning = "Secure boot is currently disabled (default: enabled)";
-inline String const kMeasuredBootOffWarning = "Measured boot is currently disabled (default: enabled)";
-inline String const kSecureBootOnTrace = "SecureBoot is currently enabled (default: disabled)";
-inline String const kMeasuredBootOnTrace = "MeasuredBoot is currently enabled (default: disabled)";
-
 // A temporary directory, removed with everything in it.
 class TempDir {
  public:
@@ -63,10 +52,6 @@ class Recorder {
    // Trace texts at one level, in order.
    std::vector<String> traceTexts(int level) const;
    std::vector<String> logTexts() const;
-   void clear() {
-      traces_.clear();
-      logs_.clear();
-   }
 
  private:
    std::vector<Loom::TraceRecord> traces_;
