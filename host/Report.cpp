@@ -36,14 +36,18 @@ String printable(std::string_view s) {
 }
 
 // Sentences for people: like printable, but quotes stay as they are.
-String prose(std::string_view s) {
-   String out;
+void appendProse(String &out, std::string_view s) {
    std::size_t pos = 0;
    for (std::size_t q; (q = s.find('"', pos)) != std::string_view::npos; pos = q + 1) {
       appendJsonEscaped(out, s.substr(pos, q - pos));
       out += '"';
    }
    appendJsonEscaped(out, s.substr(pos));
+}
+
+String prose(std::string_view s) {
+   String out;
+   appendProse(out, s);
    return out;
 }
 
@@ -80,13 +84,19 @@ String valueText(Loom::Value const &v) {
 // A reason under its fact, in the value column; a reason repeated for the
 // next fact of the entity is not spelled out again.
 void reasonText(String &out, std::size_t column, Diagnostic const &d, Diagnostic const *previous) {
-   String const indent(column, ' ');
+   out.append(column, ' ');
    if (previous && previous->reason == d.reason && previous->hint == d.hint) {
-      out += indent + "why:  as above\n";
+      out += "why:  as above\n";
       return;
    }
-   out += indent + "why:  " + prose(d.reason) + "\n";
-   if (!d.hint.empty()) out += indent + "hint: " + prose(d.hint) + "\n";
+   out += "why:  ";
+   appendProse(out, d.reason);
+   out += '\n';
+   if (d.hint.empty()) return;
+   out.append(column, ' ');
+   out += "hint: ";
+   appendProse(out, d.hint);
+   out += '\n';
 }
 
 void entityText(String &out, String const &path, Loom::Entity const *e, std::vector<Diagnostic> const &diags = {}) {
@@ -148,8 +158,7 @@ String Host::showText(std::optional<String> const &path) const {
 
 String Host::report() const {
    auto const diags = diagnostics();
-   auto const run = thisRun();
-   if (options_.format == Format::OpenMetrics) return metricsReport(*em_, diags, logs_, run);
+   if (options_.format == Format::OpenMetrics) return metricsReport(*em_, diags, logs_, thisRun());
    if (options_.format == Format::Text) {
       String out;
       for (auto const &e : Sentrel::stateTree()) {
@@ -180,6 +189,7 @@ String Host::report() const {
       out += "\n" + plural(logs_.size(), "warning") + ", " + plural(diags.size(), "unknown fact") + "\n";
       return out;
    }
+   auto const run = thisRun();
    rapidjson::StringBuffer buf;
    rapidjson::PrettyWriter<rapidjson::StringBuffer> w(buf);
    w.SetIndent(' ', 2);
