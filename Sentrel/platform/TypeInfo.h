@@ -169,7 +169,7 @@ constexpr AttrInfo attr(std::string_view name) {
 }
 
 template <auto Get>
-Value setValues(Object const &o) {
+Value setElements(Object const &o) {
    auto const &s = (static_cast<typename Member<decltype(Get)>::Class const &>(o).*Get)();
    return Value{std::vector<String>(s.begin(), s.end())};
 }
@@ -184,11 +184,11 @@ Error insertIntoSet(Object &o, Value const &v) {
 
 template <auto Get, auto Insert>
 constexpr AttrInfo setAttr(std::string_view name) {
-   return AttrInfo{name, Kind::StringSet, 0, &setValues<Get>, nullptr, &insertIntoSet<Get, Insert>};
+   return AttrInfo{name, Kind::StringSet, 0, &setElements<Get>, nullptr, &insertIntoSet<Get, Insert>};
 }
 
 template <auto Get>
-Value mapValues(Object const &o) {
+Value mapEntries(Object const &o) {
    auto const &m = (static_cast<typename Member<decltype(Get)>::Class const &>(o).*Get)();
    return Value{std::vector<std::pair<String, std::uint32_t>>(m.begin(), m.end())};
 }
@@ -203,7 +203,7 @@ Error insertIntoMap(Object &o, Value const &v) {
 
 template <auto Get, auto Insert>
 constexpr AttrInfo mapAttr(std::string_view name) {
-   return AttrInfo{name, Kind::StringU32Map, 0xffffffffu, &mapValues<Get>, nullptr, &insertIntoMap<Get, Insert>};
+   return AttrInfo{name, Kind::StringU32Map, 0xffffffffu, &mapEntries<Get>, nullptr, &insertIntoMap<Get, Insert>};
 }
 
 template <auto Fn>
