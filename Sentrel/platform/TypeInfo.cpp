@@ -23,24 +23,26 @@ std::vector<TypeInfo const *> &registry() {
    static auto *r = new std::vector<TypeInfo const *>;
    return *r;
 }
+
+std::vector<TypeInfo const *>::iterator registered(std::string_view name) {
+   auto &r = registry();
+   return std::find_if(r.begin(), r.end(), [&](TypeInfo const *t) { return t->name == name; });
+}
 }  // namespace
 
 void moduleLoaded(char const *, std::initializer_list<TypeInfo const *> types) {
    for (auto const *t : types) {
-      auto &r = registry();
-      auto it = std::find_if(r.begin(), r.end(), [&](TypeInfo const *k) { return k->name == t->name; });
-      if (it == r.end()) {
-         r.push_back(t);
-      } else {
+      if (auto it = registered(t->name); it != registry().end()) {
          *it = t;
+      } else {
+         registry().push_back(t);
       }
    }
 }
 
 TypeInfo const *findType(std::string_view name) {
-   auto const &r = registry();
-   auto it = std::find_if(r.begin(), r.end(), [&](TypeInfo const *t) { return t->name == name; });
-   return it == r.end() ? nullptr : *it;
+   auto it = registered(name);
+   return it == registry().end() ? nullptr : *it;
 }
 
 }  // namespace Loom
