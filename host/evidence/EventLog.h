@@ -1,0 +1,92 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "Sentrel/platform/String.h"
+
+// The firmware's TPM event log (TCG PC Client format), as read from
+// securityfs or a collected file: the events, their digests per algorithm,
+// and the startup locality.
+namespace SentrelEvidence {
+
+using Loom::String;
+
+// An algorithm of the TCG registry that a log may carry.
+struct TpmAlgorithm {
+   std::uint16_t id;
+   std::string_view name;  // as the TPM names its banks: "sha1", "sha256", ...
+   std::size_t digestSize;
+   char const *evpName;  // OpenSSL's name of the digest
+};
+// sha1, sha256, sha384, sha512, sm3_256; null for any other.
+TpmAlgorithm const *tpmAlgorithm(std::uint16_t id);
+TpmAlgorithm const *tpmAlgorithm(std::string_view name);
+
+inline constexpr std::uint16_t kAlgSha1 = 0x0004;
+inline constexpr std::uint16_t kAlgSha256 = 0x000B;
+inline constexpr std::uint16_t kAlgSha384 = 0x000C;
+inline constexpr std::uint16_t kAlgSha512 = 0x000D;
+inline constexpr std::uint16_t kAlgSm3_256 = 0x0012;
+
+// Event types this project reads the data of.
+inline constexpr std::uint32_t EV_POST_CODE = 0x00000001;
+inline constexpr std::uint32_t EV_NO_ACTION = 0x00000003;
+inline constexpr std::uint32_t EV_SEPARATOR = 0x00000004;
+inline constexpr std::uint32_t EV_ACTION = 0x00000005;
+inline constexpr std::uint32_t EV_S_CRTM_VERSION = 0x00000008;
+inline constexpr std::uint32_t EV_IPL = 0x0000000D;
+inline constexpr std::uint32_t EV_EFI_VARIABLE_DRIVER_CONFIG = 0x80000001;
+inline constexpr std::uint32_t EV_EFI_VARIABLE_BOOT = 0x80000002;
+inline constexpr std::uint32_t EV_EFI_BOOT_SERVICES_APPLICATION = 0x80000003;
+inline constexpr std::uint32_t EV_EFI_BOOT_SERVICES_DRIVER = 0x80000004;
+inline constexpr std::uint32_t EV_EFI_RUNTIME_SERVICES_DRIVER = 0x80000005;
+inline constexpr std::uint32_t EV_EFI_ACTION = 0x80000007;
+inline constexpr std::uint32_t EV_EFI_VARIABLE_AUTHORITY = 0x800000E0;
+
+enum class EventLogFormat { CryptoAgile, Sha1 };
+
+struct Digest {
+   std::uint16_t algorithm;
+   String bytes;  // raw, the algorithm's digest size
+};
+
+struct Event {
+   std::size_t number;  // position in the log, from 0 (the header is event 0)
+   std::size_t offset;  // byte offset where the event starts
+   std::uint32_t pcr;
+   std::uint32_t type;
+   std::vector<Digest> digests;  // known algorithms only, in the log's order
+   String data;
+};
+
+struct EventLog {
+   EventLogFormat format = EventLogFormat::Sha1;
+   // The known algorithms the log carries, in the header's order (sha1 alone
+   // for the SHA-1 layout).
+   std::vector<std::uint16_t> algorithms;
+   std::vector<Event> events;  // every event, EV_NO_ACTION ones included
+   // From an EV_NO_ACTION "StartupLocality" event: PCR 0 starts at it.
+   std::optional<std::uint8_t> startupLocality;
+};
+
+// Why a log could not be read: where and what.
+struct EventLogProblem {
+   std::size_t offset;
+   String what;
+};
+
+// Bounds: a real log is tens of kilobytes and a few hundred events; more is
+// a wrong file or a hostile one.
+inline constexpr std::size_t kMaxEventLogBytes = std::size_t{16} << 20;
+inline constexpr std::size_t kMaxEvents = 100000;
+
+// Parses a whole log. Every length is checked against what remains, so a
+// truncated or malformed log is a problem at a byte offset, never a crash.
+std::variant<EventLog, EventLogProblem> parseEventLog(std::string_view bytes);
+
+}  // namespace SentrelEvidence
