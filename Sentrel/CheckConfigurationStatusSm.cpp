@@ -8,8 +8,8 @@
 #include "Sentrel/platform/Reason.h"
 
 #define SENTREL_CHECK_CONFIGURATION_STATUS_SM_OPS(X) X(checkConfigurationStatus) X(handleInitialized)
-LOOM_STATE_MACHINE_DEFINE(Sentrel, CheckConfigurationStatusSm, SENTREL_CHECK_CONFIGURATION_STATUS_SM_ARGS,
-                          SENTREL_CHECK_CONFIGURATION_STATUS_SM_OPS)
+LOOM_STATE_MACHINE_DEFINE(Sentrel, CheckConfigurationStatusSm, checkConfigurationStatus,
+                          SENTREL_CHECK_CONFIGURATION_STATUS_SM_ARGS, SENTREL_CHECK_CONFIGURATION_STATUS_SM_OPS)
 
 namespace Sentrel {
 
@@ -58,8 +58,8 @@ void CheckConfigurationStatusSm::checkConfigurationStatus() {
       TRACE2("defaultSentrelStatus or sbStatus is not ready, skipping");
       static char const notCompared[] =
          "not ready, so secure boot and measured boot were not compared with the manufacturing defaults";
-      if (!sbStatus_->ready()) Loom::reasonIs(*sbStatus_, {"ready"}, notCompared);
-      if (!defaultSentrelStatus_->configReady()) Loom::reasonIs(*defaultSentrelStatus_, {"configReady"}, notCompared);
+      if (!sbStatus_->ready()) Loom::reasonIs(*sbStatus_, {Tarn::Secureboot::Status::Attr::ready}, notCompared);
+      if (!defaultSentrelStatus_->configReady()) Loom::reasonIs(*defaultSentrelStatus_, {Hardware::Sentrel::Config::Attr::configReady}, notCompared);
       return;
    }
    std::uint16_t const flags = sbStatus_->statusFlags();

@@ -6,7 +6,7 @@
 
 #include "Sentrel/SentrelTrace.h"
 #include "Sentrel/platform/ReadFile.h"
-#include "Sentrel/platform/Reason.h"
+#include "Sentrel/platform/TypeInfo.h"
 
 namespace Sentrel {
 
@@ -34,32 +34,30 @@ bool parseJsonFile(char const *path, JsonDocument &document, int *openErr) {
    return true;
 }
 
-void inputFileReason(Loom::Entity const &entity, std::initializer_list<char const *> attrs, char const *pathAttr,
-                     String const &path, int err) {
-   String const elsewhere = String("set ") + pathAttr + " if the file is elsewhere";
+void inputFileReason(Loom::ReasonRecord facts, unsigned pathAttr, String const &path, int err) {
+   String const name(facts.type->attrs[pathAttr].name);
+   String const elsewhere = "set " + name + " if the file is elsewhere";
    if (path.empty()) {
-      Loom::reasonIs(entity, attrs, String(pathAttr) + " names no file", elsewhere);
+      Loom::reasonIs(std::move(facts), name + " names no file", elsewhere);
    } else {
-      Loom::reasonIs(entity, attrs, Loom::openFailure(path, err),
+      Loom::reasonIs(std::move(facts), Loom::openFailure(path, err),
                      err == ENOENT || err == EISDIR ? elsewhere : Loom::openFailureHint(err));
    }
 }
 
-std::optional<String> readInputFile(Loom::Entity const &entity, std::initializer_list<char const *> attrs,
-                                    char const *pathAttr, String const &path, int &err) {
+std::optional<String> readInputFile(Loom::ReasonRecord facts, unsigned pathAttr, String const &path, int &err) {
    Loom::FileText r = Loom::readWholeFile(path, Loom::kMaxFileBytes);
    err = path.empty() ? ENOENT : r.folder ? EISDIR : r.error;
    if (err != 0) {
-      inputFileReason(entity, attrs, pathAttr, path, err);
+      inputFileReason(std::move(facts), pathAttr, path, err);
       // A folder opens as a file does and holds nothing.
       return err == EISDIR ? std::optional<String>(String()) : std::nullopt;
    }
    if (r.tooLarge) {
       TRACE2("File " << path << " is larger than " << Loom::kMaxFileBytes << " bytes, read no further");
-      Loom::reasonIs(entity, attrs,
+      Loom::reasonIs(std::move(facts),
                      path + " is larger than " + std::to_string(Loom::kMaxFileBytes >> 20) +
-                        " MiB: only its beginning was read",
-                     "");
+                        " MiB: only its beginning was read");
    }
    return std::move(r.text);
 }

@@ -17,8 +17,8 @@
 
 #define SENTREL_FIRST_INSTRUCTION_SECURITY_SM_OPS(X) \
    X(getCpuVendorId) X(getBootGuardStatus) X(getPsbStatus) X(handleInitialized)
-LOOM_STATE_MACHINE_DEFINE(Sentrel, FirstInstructionSecuritySm, SENTREL_FIRST_INSTRUCTION_SECURITY_SM_ARGS,
-                          SENTREL_FIRST_INSTRUCTION_SECURITY_SM_OPS)
+LOOM_STATE_MACHINE_DEFINE(Sentrel, FirstInstructionSecuritySm, firstInstructionSecurity,
+                          SENTREL_FIRST_INSTRUCTION_SECURITY_SM_ARGS, SENTREL_FIRST_INSTRUCTION_SECURITY_SM_OPS)
 
 namespace Sentrel {
 
@@ -42,13 +42,14 @@ unsigned const kPsbDevConfig = 0x02;
 
 // The facts each reader publishes, for its reasons. Measured boot is never
 // reported through the Platform Secure Boot variable.
-std::initializer_list<char const *> const kAllFacts{"cpuVendor",           "supported", "systemFused",
-                                                    "verifiedbootEnabled", "measuredbootEnabled", "devConfig",
-                                                    "vendorSpecific"};
-std::initializer_list<char const *> const kBootGuardFacts{"supported",           "systemFused", "verifiedbootEnabled",
-                                                          "measuredbootEnabled", "devConfig",   "vendorSpecific"};
-std::initializer_list<char const *> const kPsbFacts{"supported", "systemFused", "verifiedbootEnabled", "devConfig",
-                                                    "vendorSpecific"};
+using A = FirstInstructionSecurity::Attr;
+std::initializer_list<A::Number> const kAllFacts{A::cpuVendor,           A::supported,           A::systemFused,
+                                                 A::verifiedbootEnabled, A::measuredbootEnabled, A::devConfig,
+                                                 A::vendorSpecific};
+std::initializer_list<A::Number> const kBootGuardFacts{A::supported,           A::systemFused, A::verifiedbootEnabled,
+                                                       A::measuredbootEnabled, A::devConfig,   A::vendorSpecific};
+std::initializer_list<A::Number> const kPsbFacts{A::supported, A::systemFused, A::verifiedbootEnabled, A::devConfig,
+                                                 A::vendorSpecific};
 
 // Closes the register file on every way out, after the commands have run.
 class FdCloser {
@@ -88,7 +89,7 @@ FirstInstructionSecuritySm::FirstInstructionSecuritySm(
 void FirstInstructionSecuritySm::handleInitialized() {
    TRACE7("void Sentrel::FirstInstructionSecuritySm::handleInitialized()");
    if (!togglePlatformFirstInstructionSecurityEnabled()) {
-      toggleOffReason(*firstInstructionSecurity_, kAllFacts, "PlatformFirstInstructionSecurity", "Sentrel.json");
+      toggleOffReason(firstInstructionSecurity_, kAllFacts, "PlatformFirstInstructionSecurity", "Sentrel.json");
       initialized_ = true;
       return;
    }
@@ -181,14 +182,14 @@ void FirstInstructionSecuritySm::getBootGuardStatus() {
    if (runCmd("BootGuardUtil fuse --status", fused, &why)) {
       fis.systemFusedIs(fused == "True");
    } else {
-      Loom::reasonIs(fis, {"systemFused"}, why);
+      Loom::reasonIs(fis, {A::systemFused}, why);
    }
    String keyHash;
    if (runCmd("BootGuardUtil fuse --key-hash", keyHash, &why)) {
       if (keyHash == kDevConfigKeyHash) fis.devConfigIs(true);
       fis.vendorSpecificIs(VendorSpecific{std::in_place_index<0>, keyHash});
    } else {
-      Loom::reasonIs(fis, {"devConfig", "vendorSpecific"}, why);
+      Loom::reasonIs(fis, {A::devConfig, A::vendorSpecific}, why);
    }
 }
 

@@ -9,7 +9,7 @@ namespace Sentrel {
 Loom::AllocationTracker IntegrityKeyringSm::memAllocationTracker_{"Sentrel::IntegrityKeyringSm"};
 
 Loom::TypeInfo const &IntegrityKeyringSm::typeInfo() {
-   static constexpr Loom::TypeInfo t{"Sentrel::IntegrityKeyringSm", {}, {}, nullptr};
+   static constexpr Loom::TypeInfo t{"Sentrel::IntegrityKeyringSm", {}, {}, nullptr, nullptr, "integrityKeyring"};
    return t;
 }
 
@@ -21,7 +21,7 @@ IntegrityKeyringSm::~IntegrityKeyringSm() = default;
 Loom::AllocationTracker IntegritySyslogSm::memAllocationTracker_{"Sentrel::IntegritySyslogSm"};
 
 Loom::TypeInfo const &IntegritySyslogSm::typeInfo() {
-   static constexpr Loom::TypeInfo t{"Sentrel::IntegritySyslogSm", {}, {}, nullptr};
+   static constexpr Loom::TypeInfo t{"Sentrel::IntegritySyslogSm", {}, {}, nullptr, nullptr, "integritySyslog"};
    return t;
 }
 

@@ -10,10 +10,12 @@
 
 #define SENTREL_MEASURED_BOOT_VERSION_SM_OPS(X) \
    X(readVexoMeasuredBootVersion) X(readTarnMeasuredBootVersion) X(handleInitialized)
-LOOM_STATE_MACHINE_DEFINE(Sentrel, MeasuredBootVersionSm, SENTREL_MEASURED_BOOT_VERSION_SM_ARGS,
-                          SENTREL_MEASURED_BOOT_VERSION_SM_OPS)
+LOOM_STATE_MACHINE_DEFINE(Sentrel, MeasuredBootVersionSm, measuredBootVersion,
+                          SENTREL_MEASURED_BOOT_VERSION_SM_ARGS, SENTREL_MEASURED_BOOT_VERSION_SM_OPS)
 
 namespace Sentrel {
+
+using A = MeasuredBootVersion::Attr;
 
 MeasuredBootVersionSm::MeasuredBootVersionSm(Ptr<Ledger::EntityManager> const &entityManager,
                                              Ptr<MeasuredBootVersion> const &measuredBootVersion)
@@ -48,7 +50,7 @@ void MeasuredBootVersionSm::readTarnMeasuredBootVersion() {
    if (fd < 0) {
       int const err = errno;
       TRACE2("Cannot open Tarn measured boot version file");
-      inputFileReason(*measuredBootVersion_, {"tarn"}, "tarnVersionFilePath", path, err);
+      inputFileReason(*measuredBootVersion_, {A::tarn}, A::tarnVersionFilePath, path, err);
       measuredBootVersion_->tarnIs("");
       return;
    }
@@ -60,11 +62,12 @@ void MeasuredBootVersionSm::readTarnMeasuredBootVersion() {
    bool const complete = newline <= 63 || (!head.tooLarge && newline == String::npos && head.text.size() <= 63);
    if (!head.ok() && !head.tooLarge) {
       TRACE2("Cannot read Tarn measured boot version");
-      inputFileReason(*measuredBootVersion_, {"tarn"}, "tarnVersionFilePath", path, head.folder ? EISDIR : head.error);
+      inputFileReason(*measuredBootVersion_, {A::tarn}, A::tarnVersionFilePath, path,
+                      head.folder ? EISDIR : head.error);
       measuredBootVersion_->tarnIs("");
    } else if (head.text.empty() || !complete) {
       TRACE2("Cannot read Tarn measured boot version");
-      Loom::reasonIs(*measuredBootVersion_, {"tarn"}, path + " is empty or its first line is 64 characters or longer");
+      Loom::reasonIs(*measuredBootVersion_, {A::tarn}, path + " is empty or its first line is 64 characters or longer");
       measuredBootVersion_->tarnIs("");
    } else {
       // Up to a NUL, as the line is a C string.
@@ -80,9 +83,9 @@ void MeasuredBootVersionSm::readVexoMeasuredBootVersion() {
    if (!parseJsonFile(path.c_str(), document, &err)) {
       TRACE2("Cannot find Vexo measured boot version file");
       if (err != 0) {
-         inputFileReason(*measuredBootVersion_, {"vexo"}, "vexoVersionFilePath", path, err);
+         inputFileReason(*measuredBootVersion_, {A::vexo}, A::vexoVersionFilePath, path, err);
       } else {
-         Loom::reasonIs(*measuredBootVersion_, {"vexo"},
+         Loom::reasonIs(*measuredBootVersion_, {A::vexo},
                         path + " is not valid JSON: " + rapidjson::GetParseError_En(document.GetParseError()) +
                            " (byte " + std::to_string(document.GetErrorOffset()) + ")");
       }
@@ -94,7 +97,7 @@ void MeasuredBootVersionSm::readVexoMeasuredBootVersion() {
    auto member = document.FindMember("measuredBootVersion");
    if (member == document.MemberEnd()) {
       TRACE2("Cannot find Vexo measured boot version in json file");
-      Loom::reasonIs(*measuredBootVersion_, {"vexo"}, path + " has no \"measuredBootVersion\" member");
+      Loom::reasonIs(*measuredBootVersion_, {A::vexo}, path + " has no \"measuredBootVersion\" member");
       measuredBootVersion_->vexoIs("");
       return;
    }

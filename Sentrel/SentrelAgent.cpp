@@ -37,16 +37,6 @@ Loom::TraceHandle const &traceHandle() {
    return *h;
 }
 
-namespace {
-
-// The mounted entity of type T, or null when it is absent or of another type.
-template <class T>
-Ptr<T> lookupAs(Ledger::EntityManager const &em) {
-   auto const *entry = stateTreeEntryOfType(std::remove_const_t<T>::typeInfo().name);
-   return entry ? Loom::ptrCast<T>(em.lookup(Ledger::Cell::path(entry->path, 0))) : nullptr;
-}
-
-}  // namespace
 
 Loom::AllocationTracker Agent::memAllocationTracker_{"Sentrel::Agent"};
 
@@ -93,12 +83,12 @@ void Agent::doMountsComplete(Ledger::MountStatus mountStatus,
    }
    auto const &em = *entityManager;
    // The defaults are the entity "sentrel" of the directory mounted for them.
-   defaultSentrelStatus_ = lookupAs<Hardware::Sentrel::Config const>(em);
-   measuredBootVersion_ = lookupAs<MeasuredBootVersion>(em);
-   firstInstructionSecurity_ = lookupAs<FirstInstructionSecurity>(em);
-   tarnFeatureStatus_ = lookupAs<Tarn::Features::Status>(em);
-   sbStatus_ = lookupAs<Tarn::Secureboot::Status const>(em);
-   tarnPcrConfigStatus_ = lookupAs<Tarn::PcrConfig::Status>(em);
+   defaultSentrelStatus_ = stateTreeEntity<Hardware::Sentrel::Config const>(em);
+   measuredBootVersion_ = stateTreeEntity<MeasuredBootVersion>(em);
+   firstInstructionSecurity_ = stateTreeEntity<FirstInstructionSecurity>(em);
+   tarnFeatureStatus_ = stateTreeEntity<Tarn::Features::Status>(em);
+   sbStatus_ = stateTreeEntity<Tarn::Secureboot::Status const>(em);
+   tarnPcrConfigStatus_ = stateTreeEntity<Tarn::PcrConfig::Status>(em);
 
    measuredBootVersionSmIs(entityManager, measuredBootVersion_);
    firstInstructionSecuritySmIs(entityManager, firstInstructionSecurity_);
@@ -106,7 +96,7 @@ void Agent::doMountsComplete(Ledger::MountStatus mountStatus,
    tarnPcrConfigStatusSmIs(entityManager, tarnPcrConfigStatus_, sbStatus_);
    checkConfigurationStatusSmIs(entityManager, defaultSentrelStatus_, sbStatus_);
 
-   integrityKeyringColl_ = lookupAs<IntegrityKeyringColl>(em);
+   integrityKeyringColl_ = stateTreeEntity<IntegrityKeyringColl>(em);
    if (toggleSentrelImaEnabled()) {
       integrityKeyringSmIs(integrityKeyringColl_);
       integritySyslogSmIs();

@@ -16,9 +16,12 @@
 #define SENTREL_TARN_FEATURE_SM_OPS(X)                                                  \
    X(getRevisionFromFeaturesFile) X(populateSbOutdatedFromSbVersion) X(getRunningTarnVersion) \
    X(checkTarnDeprecation) X(checkPcrMultibankSupported) X(checkMeasuredbootSupported) X(handleInitialized)
-LOOM_STATE_MACHINE_DEFINE(Sentrel, TarnFeatureSm, SENTREL_TARN_FEATURE_SM_ARGS, SENTREL_TARN_FEATURE_SM_OPS)
+LOOM_STATE_MACHINE_DEFINE(Sentrel, TarnFeatureSm, tarnFeature,
+                          SENTREL_TARN_FEATURE_SM_ARGS, SENTREL_TARN_FEATURE_SM_OPS)
 
 namespace Sentrel {
+
+using A = Tarn::Features::Status::Attr;
 
 TarnFeatureSm::TarnFeatureSm(Ptr<Ledger::EntityManager> const &entityManager,
                              Ptr<Tarn::Features::Status> const &tarnFeatureStatus,
@@ -85,8 +88,8 @@ void TarnFeatureSm::getRevisionFromFeaturesFile() {
    TRACE7("void Sentrel::TarnFeatureSm::getRevisionFromFeaturesFile()");
    int err = 0;
    auto const text = readInputFile(*tarnFeatureStatus_,
-                                   {"featureRev", "sbOutdated", "pcrMultibankSupported", "measuredbootSupported"},
-                                   "featuresFilePath", tarnFeatureStatus_->featuresFilePath(), err);
+                                   {A::featureRev, A::sbOutdated, A::pcrMultibankSupported, A::measuredbootSupported},
+                                   A::featuresFilePath, tarnFeatureStatus_->featuresFilePath(), err);
    if (!text) {
       TRACE2("Cannot open Tarn features file");
       return;

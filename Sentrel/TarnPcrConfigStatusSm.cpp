@@ -11,10 +11,12 @@
 #define SENTREL_TARN_PCR_CONFIG_STATUS_SM_OPS(X)                                            \
    X(logPcrConfigError) X(checkPcrConfigErrorLog) X(readRequiredPcrBank) X(readConfiguredPcrBank) \
    X(handleInitialized)
-LOOM_STATE_MACHINE_DEFINE(Sentrel, TarnPcrConfigStatusSm, SENTREL_TARN_PCR_CONFIG_STATUS_SM_ARGS,
-                          SENTREL_TARN_PCR_CONFIG_STATUS_SM_OPS)
+LOOM_STATE_MACHINE_DEFINE(Sentrel, TarnPcrConfigStatusSm, tarnPcrConfigStatus,
+                          SENTREL_TARN_PCR_CONFIG_STATUS_SM_ARGS, SENTREL_TARN_PCR_CONFIG_STATUS_SM_OPS)
 
 namespace Sentrel {
+
+using A = Tarn::PcrConfig::Status::Attr;
 
 TarnPcrConfigStatusSm::TarnPcrConfigStatusSm(Ptr<Ledger::EntityManager> const &entityManager,
                                              Ptr<Tarn::PcrConfig::Status> const &tarnPcrConfigStatus,
@@ -30,9 +32,9 @@ void TarnPcrConfigStatusSm::handleInitialized() {
       readConfiguredPcrBank();
       checkPcrConfigErrorLog();
    } else {
-      toggleOffReason(*tarnPcrConfigStatus_,
-                      {"requiredPcrBank", "configuredPcrBank", "requiredPcrNotConfigured", "requiredPcrNotEnabled",
-                       "pcrConfigFoundOnTpm12"},
+      toggleOffReason(tarnPcrConfigStatus_,
+                      {A::requiredPcrBank, A::configuredPcrBank, A::requiredPcrNotConfigured, A::requiredPcrNotEnabled,
+                       A::pcrConfigFoundOnTpm12},
                       "PcrMultibank", "SecureBoot.json");
    }
    initialized_ = true;
@@ -41,7 +43,7 @@ void TarnPcrConfigStatusSm::handleInitialized() {
 void TarnPcrConfigStatusSm::readRequiredPcrBank() {
    TRACE7("void Sentrel::TarnPcrConfigStatusSm::readRequiredPcrBank()");
    int err = 0;
-   auto const text = readInputFile(*tarnPcrConfigStatus_, {"requiredPcrBank"}, "requiredPcrBankFilePath",
+   auto const text = readInputFile(*tarnPcrConfigStatus_, {A::requiredPcrBank}, A::requiredPcrBankFilePath,
                                    tarnPcrConfigStatus_->requiredPcrBankFilePath(), err);
    if (!text) {
       TRACE2("Cannot open " << tarnPcrConfigStatus_->requiredPcrBankFilePath());
@@ -59,7 +61,7 @@ void TarnPcrConfigStatusSm::readRequiredPcrBank() {
 void TarnPcrConfigStatusSm::readConfiguredPcrBank() {
    TRACE7("void Sentrel::TarnPcrConfigStatusSm::readConfiguredPcrBank()");
    int err = 0;
-   auto const text = readInputFile(*tarnPcrConfigStatus_, {"configuredPcrBank"}, "configuredPcrBankFilePath",
+   auto const text = readInputFile(*tarnPcrConfigStatus_, {A::configuredPcrBank}, A::configuredPcrBankFilePath,
                                    tarnPcrConfigStatus_->configuredPcrBankFilePath(), err);
    if (!text) {
       // Names the required-bank file, not this one, as this message always has.
@@ -82,8 +84,8 @@ void TarnPcrConfigStatusSm::checkPcrConfigErrorLog() {
    TRACE7("void Sentrel::TarnPcrConfigStatusSm::checkPcrConfigErrorLog()");
    int err = 0;
    auto const text = readInputFile(*tarnPcrConfigStatus_,
-                                   {"requiredPcrNotConfigured", "requiredPcrNotEnabled", "pcrConfigFoundOnTpm12"},
-                                   "errorLogFilePath", tarnPcrConfigStatus_->errorLogFilePath(), err);
+                                   {A::requiredPcrNotConfigured, A::requiredPcrNotEnabled, A::pcrConfigFoundOnTpm12},
+                                   A::errorLogFilePath, tarnPcrConfigStatus_->errorLogFilePath(), err);
    if (!text) {
       // The flags of an earlier run stand until a log can be read again.
       TRACE2("Cannot open Tarn PCR config error log file");

@@ -1,14 +1,11 @@
 #include "Sentrel/Toggles.h"
 
-#include "Sentrel/platform/Reason.h"
 #include "Sentrel/platform/Toggle.h"
 
 namespace Sentrel {
 
-void toggleOffReason(Loom::Entity const &entity, std::initializer_list<char const *> attrs, char const *name,
-                     char const *file) {
-   Loom::reasonIs(entity, attrs, Loom::String("the feature toggle ") + name + " is off (" + Loom::toggleDir() + "/" + file + ")",
-                  "");
+Loom::String toggleOffText(char const *name, char const *file) {
+   return Loom::String("the feature toggle ") + name + " is off (" + Loom::toggleDir() + "/" + file + ")";
 }
 
 }  // namespace Sentrel

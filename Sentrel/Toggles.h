@@ -2,9 +2,7 @@
 
 #include <initializer_list>
 
-namespace Loom {
-class Entity;
-}
+#include "Sentrel/platform/Reason.h"
 
 // Feature toggles, each asked for once per process.
 bool toggleSentrelImaEnabled();
@@ -14,8 +12,15 @@ bool togglePlatformFirstInstructionSecurityEnabled();
 
 namespace Sentrel {
 
-// The reason for facts of `entity` when the toggle `name` of `file` is off.
-void toggleOffReason(Loom::Entity const &entity, std::initializer_list<char const *> attrs, char const *name,
-                     char const *file);
+// Why facts are left empty when the toggle `name` of `file` is off.
+Loom::String toggleOffText(char const *name, char const *file);
+
+// The reason for facts of `entity` when the toggle is off. An absent entity
+// has no facts to explain: nothing is touched.
+template <class E>
+void toggleOffReason(Ptr<E> const &entity, std::initializer_list<typename E::Attr::Number> attrs, char const *name,
+                     char const *file) {
+   if (entity) Loom::reasonIs(*entity, attrs, toggleOffText(name, file));
+}
 
 }  // namespace Sentrel

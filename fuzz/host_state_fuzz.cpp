@@ -1,17 +1,21 @@
 // The host's --state parser: any bytes give a state or a usage error.
 #include "FuzzSupport.h"
-#include "host/Host.h"
+#include "host/Session.h"
+#include "host/UsageError.h"
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const *data, std::size_t size) {
    using namespace SentrelHost;
    static String const dir = SentrelFuzz::scratch();
-   Options options;
-   options.format = Format::Json;
-   options.syslog = false;
-   Host host(options);
-   host.seedLedger();
+   static Configuration const config = [] {
+      Configuration c;
+      c.options.format = Format::Json;
+      c.options.syslog = false;
+      return c;
+   }();
+   Session session(config);
+   session.seedLedger();
    try {
-      host.applyState(dir + "/state.json", String(reinterpret_cast<char const *>(data), size));
+      session.applyState(dir + "/state.json", String(reinterpret_cast<char const *>(data), size));
    } catch (UsageError const &) {
    }
    return 0;

@@ -1,6 +1,5 @@
 #include "host/LiveInputs.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -8,10 +7,15 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "Sentrel/platform/Sysroot.h"
 #include "Sentrel/platform/ReadFile.h"
+#include "Sentrel/platform/Reason.h"
+#include "Sentrel/platform/Sysroot.h"
+#include "Sentrel/types/FirstInstructionSecurity.h"
 #include "Sentrel/types/HardwareSentrelConfig.h"
+#include "Sentrel/types/StateTree.h"
 #include "Sentrel/types/TarnSecurebootStatus.h"
+#include "host/JsonTree.h"
+#include "host/StateFile.h"
 #include "host/UsageError.h"
 
 namespace SentrelHost {
@@ -19,6 +23,7 @@ namespace SentrelHost {
 namespace {
 
 using Sb = Tarn::Secureboot::Status;
+using Defaults = Hardware::Sentrel::Config;
 
 char const kEfi[] = "/sys/firmware/efi";
 char const kEfivars[] = "/sys/firmware/efi/efivars";
@@ -28,29 +33,8 @@ char const kTpmVersion[] = "/sys/class/tpm/tpm0/tpm_version_major";
 char const kSecurityFs[] = "/sys/kernel/security";
 char const kEventLog[] = "/sys/kernel/security/tpm0/binary_bios_measurements";
 char const kCpuinfo[] = "/proc/cpuinfo";
-char const kFis[] = "sentrel/firstInstructionSecurity";
 // An efivarfs file: the variable's 4-byte attributes word, then its data.
 std::size_t const kEfiAttributesSize = 4;
-
-JsonNode boolNode(bool b) {
-   JsonNode n(JsonNode::Bool);
-   n.boolean = b;
-   return n;
-}
-JsonNode uintNode(std::uint64_t v) {
-   JsonNode n(JsonNode::Uint);
-   n.uint = v;
-   n.text = std::to_string(v);
-   return n;
-}
-JsonNode strNode(String s) {
-   JsonNode n(JsonNode::Str);
-   n.text = std::move(s);
-   return n;
-}
-void member(JsonNode &object, String const &key, JsonNode value) {
-   object.members.emplace_back(strNode(key), std::move(value));
-}
 
 // The names in a folder below the system root, or the errno of listing it.
 std::vector<String> listDir(char const *path, int &err) {
@@ -71,42 +55,42 @@ std::vector<String> listDir(char const *path, int &err) {
 // A pseudo file system mounted at `path` is never empty.
 bool mounted(char const *path, int &err) { return !listDir(path, err).empty(); }
 
+// A reason waiting for its fact's value to stand.
+struct Pending {
+   Loom::ReasonRecord record;
+};
+
 class Reader {
  public:
-   LiveInputs out;
+   explicit Reader(Ledger::EntityManager &em) : em_(em) {}
 
    void read() {
       defaults();
-      JsonNode sb(JsonNode::Object);
+      auto sb = Sentrel::stateTreeEntity<Sb>(em_);
       std::uint16_t flags = 0;
-      secureBoot(sb, flags);
-      measuredBoot(sb, flags);
-      member(sb, "statusFlags", uintNode(flags));
-      // Last, as the writer on a switch does: readers wait for it.
-      member(sb, "ready", boolNode(true));
-      JsonNode entities(JsonNode::Object);
-      member(entities, kSbStatus, std::move(sb));
-      member(entities, kDefaults, std::move(defaults_));
-      out.document = JsonNode(JsonNode::Object);
-      member(out.document, "entities", std::move(entities));
+      secureBoot(flags);
+      measuredBoot(flags);
+      if (sb) {
+         sb->supportedIs(supported_);
+         for (auto const &b : banks_) sb->enabledPcrBankIs(b);
+         sb->statusFlagsIs(flags);
+         // Last, as the writer on a switch does: readers wait for it.
+         sb->readyIs(true);
+      }
+      // Reported once the values stand, so each reason holds the value it explains.
+      for (auto &p : pending_) {
+         if (p.record.type == &Sb::typeInfo()) p.record.entity = sb.ptr();
+         if (p.record.type != &Sb::typeInfo() || sb) Loom::reasonSend(std::move(p.record));
+      }
       virtualMachine();
    }
 
  private:
-   // Why `input` is unknown; both bits share statusFlags, so their reasons
-   // are joined into one for it.
-   void unknown(char const *input, std::initializer_list<char const *> attrs, String reason, String hint = {}) {
-      out.unknownInputs[input] = {reason, hint};
-      for (char const *a : attrs) {
-         auto it = std::find_if(out.reasons.begin(), out.reasons.end(),
-                                [&](auto const &r) { return r.attributes.front() == a; });
-         if (it == out.reasons.end()) {
-            out.reasons.push_back({nullptr, kSbStatus, {a}, reason, hint});
-         } else {
-            it->reason += "; " + reason;
-            if (!hint.empty()) it->hint += (it->hint.empty() ? "" : "; ") + hint;
-         }
-      }
+   // Why an input is unknown, about some bits of statusFlags or about other
+   // facts of the secure boot status.
+   void unknown(std::initializer_list<Sb::Attr::Number> attrs, std::uint64_t bits, String reason, String hint = {}) {
+      pending_.push_back({{&Sb::typeInfo(), nullptr, {attrs.begin(), attrs.end()}, bits, std::move(reason),
+                           std::move(hint)}});
    }
 
    // An unknown bit is published as the defaults expect, so that it neither
@@ -117,39 +101,40 @@ class Reader {
    }
 
    void defaults() {
+      auto const *entry = Sentrel::stateTreeEntryOf(Defaults::typeInfo());
       Loom::FileText const r = Loom::readSystemFile(kDefaultsFile);
       if (r.error == ENOENT) {
          // No defaults: nothing to compare, which is known, not unknown.
-         defaults_ = JsonNode(JsonNode::Null);
+         em_.entityDel(entry->path);
          return;
       }
       if (r.tooLarge) throw UsageError(String(kDefaultsFile) + ": " + r.problem());
       if (!r.ok()) {
-         defaults_ = JsonNode(JsonNode::Null);
-         String const why = "manufacturing defaults unknown: " + Loom::readFailure(kDefaultsFile, r);
-         out.reasons.push_back({nullptr, kDefaults, {}, why, Loom::openFailureHint(r.error)});
-         out.unknownInputs["manufacturing defaults"] = {why, Loom::openFailureHint(r.error)};
+         em_.entityDel(entry->path);
+         pending_.push_back({{&Defaults::typeInfo(), nullptr, {}, 0,
+                              "manufacturing defaults unknown: " + Loom::readFailure(kDefaultsFile, r),
+                              Loom::openFailureHint(r.error)}});
          return;
       }
       // The operator's own file: a mistake in it stops the run, like one in --state.
       JsonError jerr;
       auto root = parseJson(r.text, jerr);
-      if (!root) throw UsageError(String(kDefaultsFile) + ": byte " + std::to_string(jerr.offset) + ": " + jerr.message);
-      if (root->type != JsonNode::Object) {
-         throw UsageError(String(kDefaultsFile) + ": byte " + std::to_string(root->offset) +
-                          ": expected an object with \"secureBootEnabled\" and \"measuredBootEnabled\"");
-      }
-      for (auto const &[key, value] : root->members) {
-         if (value.type != JsonNode::Bool) continue;  // the generic apply names the problem
-         if (key.text == "secureBootEnabled") secureBootDefault_ = value.boolean;
-         if (key.text == "measuredBootEnabled") measuredBootDefault_ = value.boolean;
-      }
+      auto at = [](std::size_t offset, String const &what) {
+         return UsageError(String(kDefaultsFile) + ": byte " + std::to_string(offset) + ": " + what);
+      };
+      if (!root) throw at(jerr.offset, jerr.message);
+      static char const expected[] = "expected an object with \"secureBootEnabled\" and \"measuredBootEnabled\"";
+      if (root->type != JsonNode::Object) throw at(root->offset, expected);
+      auto config = Sentrel::stateTreeEntity<Defaults>(em_);
+      if (!config) return;
+      applyEntityObject(*config, *root, kDefaultsFile, "/");
+      secureBootDefault_ = config->secureBootEnabled();
+      measuredBootDefault_ = config->measuredBootEnabled();
       hasDefaults_ = true;
-      defaults_ = std::move(*root);
-      member(defaults_, "configReady", boolNode(true));
+      config->configReadyIs(true);
    }
 
-   void secureBoot(JsonNode &sb, std::uint16_t &flags) {
+   void secureBoot(std::uint16_t &flags) {
       bool efiDir = false;
       if (Loom::statSystemPath(kEfi, &efiDir) != 0 || !efiDir) {
          // Not booted through UEFI: no secure boot at all.
@@ -166,17 +151,17 @@ class Reader {
          }
          unknownBit(flags, Sb::secureBootDisabledBit, secureBootDefault_, false);
          if (err != 0 && err != ENOENT) {
-            unknown("secure boot", {"supported", "statusFlags"}, "secure boot state (bit 0) unknown: cannot read " + String(kEfivars) +
-                                                     ": " + std::strerror(err),
+            unknown({Sb::Attr::supported, Sb::Attr::statusFlags}, Sb::secureBootDisabledBit,
+                    "secure boot state (bit 0) unknown: cannot read " + String(kEfivars) + ": " + std::strerror(err),
                     Loom::openFailureHint(err));
          } else {
-            unknown("secure boot", {"supported", "statusFlags"},
+            unknown({Sb::Attr::supported, Sb::Attr::statusFlags}, Sb::secureBootDisabledBit,
                     String("secure boot state (bit 0) unknown: efivarfs is not mounted at ") + kEfivars,
                     String("mount it: mount -t efivarfs efivarfs ") + kEfivars);
          }
          return;
       }
-      member(sb, "supported", boolNode(true));
+      supported_ = true;
       if (var.error != 0 || var.folder || var.text.size() != kEfiAttributesSize + 1) {
          unknownBit(flags, Sb::secureBootDisabledBit, secureBootDefault_, false);
          String const why = var.error != 0 || var.folder
@@ -184,14 +169,14 @@ class Reader {
                                : "the SecureBoot variable holds " +
                                     (var.tooLarge ? String("more than 64") : std::to_string(var.text.size())) +
                                     " bytes, not 5";
-         unknown("secure boot", {"statusFlags"}, "secure boot state (bit 0) unknown: " + why,
+         unknown({Sb::Attr::statusFlags}, Sb::secureBootDisabledBit, "secure boot state (bit 0) unknown: " + why,
                  Loom::openFailureHint(var.error));
          return;
       }
       if (var.text[kEfiAttributesSize] == 0) flags |= Sb::secureBootDisabledBit;
    }
 
-   void measuredBoot(JsonNode &sb, std::uint16_t &flags) {
+   void measuredBoot(std::uint16_t &flags) {
       bool tpmDir = false;
       int const seen = Loom::statSystemPath(kTpm, &tpmDir);
       if (seen == ENOENT) return;  // no TPM: measured boot off, no banks
@@ -199,14 +184,14 @@ class Reader {
       bool tpm2 = false;
       if (!version.ok()) {
          unknownBit(flags, Sb::measuredBootEnabledBit, measuredBootDefault_, true);
-         unknown("measured boot", {"statusFlags"},
+         unknown({Sb::Attr::statusFlags}, Sb::measuredBootEnabledBit,
                  "measured boot state (bit 5) unknown: " + Loom::readFailure(kTpmVersion, version),
                  Loom::openFailureHint(version.error));
       } else {
          tpm2 = version.text.substr(0, version.text.find_first_of(" \t\r\n")) == "2";
          if (tpm2) eventLog(flags);
       }
-      banks(sb, tpm2);
+      banks(tpm2);
    }
 
    void eventLog(std::uint16_t &flags) {
@@ -221,46 +206,47 @@ class Reader {
       if (err == ENOENT && mounted(kSecurityFs, listErr)) return;  // the firmware left no event log: off
       unknownBit(flags, Sb::measuredBootEnabledBit, measuredBootDefault_, true);
       if (err == ENOENT) {
-         unknown("measured boot", {"statusFlags"},
+         unknown({Sb::Attr::statusFlags}, Sb::measuredBootEnabledBit,
                  String("measured boot state (bit 5) unknown: securityfs is not mounted at ") + kSecurityFs,
                  String("mount it: mount -t securityfs securityfs ") + kSecurityFs);
       } else {
-         unknown("measured boot", {"statusFlags"}, "measured boot state (bit 5) unknown: " + Loom::openFailure(kEventLog, err),
+         unknown({Sb::Attr::statusFlags}, Sb::measuredBootEnabledBit,
+                 "measured boot state (bit 5) unknown: " + Loom::openFailure(kEventLog, err),
                  Loom::openFailureHint(err));
       }
    }
 
-   void banks(JsonNode &sb, bool tpm2) {
+   void banks(bool tpm2) {
       int err = 0;
-      JsonNode list(JsonNode::Array);
       for (auto const &name : listDir(kTpm, err)) {
-         if (name.starts_with("pcr-") && name.size() > 4) list.items.push_back(strNode(name.substr(4)));
+         if (name.starts_with("pcr-") && name.size() > 4) banks_.push_back(name.substr(4));
       }
       if (err != 0) {
-         unknown("enabled PCR banks", {"enabledPcrBank"}, "cannot read " + String(kTpm) + ": " + std::strerror(err),
+         unknown({Sb::Attr::enabledPcrBank}, 0, "cannot read " + String(kTpm) + ": " + std::strerror(err),
                  Loom::openFailureHint(err));
-      } else if (tpm2 && list.items.empty()) {
-         unknown("enabled PCR banks", {"enabledPcrBank"}, String("the kernel lists no pcr-<algorithm> folders under ") + kTpm,
+      } else if (tpm2 && banks_.empty()) {
+         unknown({Sb::Attr::enabledPcrBank}, 0, String("the kernel lists no pcr-<algorithm> folders under ") + kTpm,
                  "Linux 5.12 and later list the PCR banks there");
       }
-      member(sb, "enabledPcrBank", std::move(list));
    }
 
    // A guest sees its hypervisor's firmware, not the host's: said once, for
    // every first-instruction fact that stays unknown.
-   void virtualMachine() {
+   static void virtualMachine() {
+      String note;
       for (char const *marker : {"/.dockerenv", "/run/.containerenv"}) {
          if (Loom::statSystemPath(marker) == 0) {
-            out.notes[kFis] = String("running in a container (") + marker +
-                              " exists): the machine's devices and firmware variables may not be visible here";
+            note = String("running in a container (") + marker +
+                   " exists): the machine's devices and firmware variables may not be visible here";
          }
       }
       String const flags = firstCpuFlags();
       if ((" " + flags + " ").find(" hypervisor ") != String::npos) {
          // The stronger statement: a guest never sees the host's register.
-         out.notes[kFis] = "running in a virtual machine (the CPU flags include hypervisor): first-instruction "
-                           "security is the host's and is not visible here";
+         note = "running in a virtual machine (the CPU flags include hypervisor): first-instruction "
+                "security is the host's and is not visible here";
       }
+      if (!note.empty()) Loom::noteIs<Sentrel::FirstInstructionSecurity>(note);
    }
 
    // The flags of the first CPU in /proc/cpuinfo, empty if there are none.
@@ -286,68 +272,17 @@ class Reader {
       return colon == String::npos ? String() : flags.substr(colon + 1);
    }
 
-   JsonNode defaults_;
+   Ledger::EntityManager &em_;
+   std::vector<Pending> pending_;
+   std::vector<String> banks_;
+   bool supported_ = false;
    bool hasDefaults_ = false;
    bool secureBootDefault_ = false;
    bool measuredBootDefault_ = false;
 };
 
-String onOff(bool on) { return on ? "on" : "off"; }
-
 }  // namespace
 
-bool inInputsBlock(String const &entity, String const &attribute) {
-   if (entity == kDefaults) return attribute.empty();
-   return entity == kSbStatus && (attribute == "supported" || attribute == "statusFlags" || attribute == "enabledPcrBank");
-}
-
-String inputsText(Ledger::EntityManager const &em, std::map<String, std::pair<String, String>> const &unknown) {
-   std::vector<std::pair<String, String>> lines;
-   auto sb = Loom::ptrCast<Sb const>(em.lookup(kSbStatus));
-   if (!sb) {
-      lines = {{"secure boot", "unknown (tarn/sb/status is absent)"},
-               {"measured boot", "unknown (tarn/sb/status is absent)"},
-               {"enabled PCR banks", "unknown (tarn/sb/status is absent)"}};
-   } else if (!sb->ready()) {
-      lines = {{"secure boot", "unknown (tarn/sb/status is not filled in)"},
-               {"measured boot", "unknown (tarn/sb/status is not filled in)"},
-               {"enabled PCR banks", "unknown (tarn/sb/status is not filled in)"}};
-   } else {
-      String banks;
-      for (auto const &b : sb->enabledPcrBank()) banks += (banks.empty() ? "" : ", ") + b;
-      lines = {{"secure boot", onOff(!(sb->statusFlags() & Sb::secureBootDisabledBit))},
-               {"measured boot", onOff(sb->statusFlags() & Sb::measuredBootEnabledBit)},
-               {"enabled PCR banks", banks.empty() ? "none" : banks}};
-   }
-   auto config = Loom::ptrCast<Hardware::Sentrel::Config const>(em.lookup(kDefaults));
-   if (!config) {
-      lines.push_back({"manufacturing defaults", "none: nothing is compared with them"});
-   } else if (!config->configReady()) {
-      lines.push_back({"manufacturing defaults", "not filled in: nothing is compared with them"});
-   } else {
-      lines.push_back({"manufacturing defaults", "secure boot " + onOff(config->secureBootEnabled()) +
-                                                    ", measured boot " + onOff(config->measuredBootEnabled())});
-   }
-   String out;
-   for (auto const &[label, value] : lines) {
-      String const pad(24 - label.size(), ' ');
-      auto u = unknown.find(label);
-      if (u == unknown.end()) {
-         out += "  " + label + pad + value + "\n";
-         continue;
-      }
-      out += "  " + label + pad + "unknown\n";
-      String const indent(26, ' ');
-      out += indent + "why:  " + u->second.first + "\n";
-      if (!u->second.second.empty()) out += indent + "hint: " + u->second.second + "\n";
-   }
-   return out;
-}
-
-LiveInputs readLiveInputs() {
-   Reader r;
-   r.read();
-   return std::move(r.out);
-}
+void readLiveInputs(Ledger::EntityManager &em) { Reader(em).read(); }
 
 }  // namespace SentrelHost

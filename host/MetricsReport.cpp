@@ -4,9 +4,7 @@
 #include <array>
 #include <charconv>
 #include <map>
-#include <set>
 
-#include "Sentrel/types/StateTree.h"
 #include "host/JsonTree.h"
 
 namespace SentrelHost {
@@ -77,29 +75,28 @@ void addAttribute(Families &f, String const &entity, String const &name, Loom::V
       v);
 }
 
-Families collect(Ledger::EntityManager const &em, std::vector<Diagnostic> const &diagnostics,
-                 std::vector<Loom::LogRecord> const &logs, RunInfo const &run) {
+Families collect(ReportModel const &m) {
    auto f = emptyFamilies();
-   for (auto const &entry : Sentrel::stateTree()) {
-      auto const e = em.lookup(entry.path);
-      f[EntityPresent].samples.push_back({{{"entity", entry.path}}, e ? 1u : 0u});
-      if (!e) continue;
-      for (auto const &a : e->typeData().attrs) {
-         if (a.kind != Loom::Kind::Ref) addAttribute(f, entry.path, String(a.name), a.get(*e));
-      }
+   for (auto const &e : m.entities) {
+      f[EntityPresent].samples.push_back({{{"entity", e.path}}, e.present ? 1u : 0u});
+      for (auto const &fact : e.facts) addAttribute(f, e.path, fact.name, fact.value);
    }
-   // A fact with two reasons is still one series.
-   std::set<std::pair<String, String>> unknown;
-   for (auto const &d : diagnostics) {
-      if (unknown.emplace(d.entity, d.attribute).second) {
-         f[UnknownFact].samples.push_back({{{"entity", d.entity}, {"attribute", d.attribute}}, 1});
+   auto unknown = [&](String const &entity, String const &attribute) {
+      f[UnknownFact].samples.push_back({{{"entity", entity}, {"attribute", attribute}}, 1});
+   };
+   for (auto const &e : m.entities) {
+      if (e.unknown) unknown(e.path, {});
+      for (auto const &fact : e.facts) {
+         if (fact.unknown) unknown(e.path, fact.name);
       }
    }
    std::map<String, std::uint64_t> warnings;
-   for (auto const &l : logs) ++warnings[l.name];
+   for (auto const &l : m.log) ++warnings[l.name];
    for (auto const &[name, n] : warnings) f[Warnings].samples.push_back({{{"name", name}}, n});
-   f[LastRun].samples.push_back({{}, static_cast<std::uint64_t>(std::max<std::int64_t>(run.time, 0))});
-   f[BuildInfo].samples.push_back({{{"version", run.version}}, 1});
+   if (m.run) {
+      f[LastRun].samples.push_back({{}, static_cast<std::uint64_t>(std::max<std::int64_t>(m.run->time, 0))});
+      f[BuildInfo].samples.push_back({{{"version", m.run->version}}, 1});
+   }
    return f;
 }
 
@@ -139,10 +136,9 @@ String labelValue(String const &bytes) {
 
 }  // namespace
 
-String metricsReport(Ledger::EntityManager const &em, std::vector<Diagnostic> const &diagnostics,
-                     std::vector<Loom::LogRecord> const &logs, RunInfo const &run) {
+String metricsReport(ReportModel const &m) {
    String out;
-   for (auto const &f : collect(em, diagnostics, logs, run)) {
+   for (auto const &f : collect(m)) {
       out += String("# HELP ") + f.name + " " + f.help + "\n# TYPE " + f.name + " gauge\n";
       for (auto const &s : f.samples) {
          out += f.name;

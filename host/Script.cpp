@@ -1,6 +1,11 @@
+#include "host/Script.h"
 
+#include "Sentrel/platform/String.h"
 #include "Sentrel/types/StateTree.h"
-#include "host/Host.h"
+#include "host/JsonReport.h"
+#include "host/Session.h"
+#include "host/TextReport.h"
+#include "host/UsageError.h"
 #include "host/ValueJson.h"
 
 namespace SentrelHost {
@@ -26,43 +31,38 @@ String trimmed(String const &s) {
    return s.substr(b, s.find_last_not_of(" \t\r") - b + 1);
 }
 
-}  // namespace
+class Interpreter {
+ public:
+   Interpreter(Session &session, Format format, String &out) : session_(session), format_(format), out_(out) {}
 
-void Host::runScript(String const &name, String const &text, String &out) {
-   Loom::Pieces lines(text, '\n');
-   std::string_view line;
-   for (int n = 1; lines.next(line); ++n) {
-      String const t = trimmed(String(line));
-      if (t.empty() || t.front() == '#') continue;
-      try {
-         runScriptCommand(name, t, out);
-      } catch (UsageError const &e) {
-         throw UsageError(name + ":" + std::to_string(n) + ": " + e.what());
+   void command(String const &line) {
+      String rest = line;
+      String const cmd = word(rest);
+      if (cmd == "set" || cmd == "insert") {
+         set(cmd, rest);
+      } else if (cmd == "show") {
+         show(rest);
+      } else if (cmd == "invoke") {
+         invoke(rest);
+      } else if (cmd == "restart") {
+         if (!trimmed(rest).empty()) throw UsageError("restart takes no argument");
+         session_.stopAgent();
+         session_.startAgent();
+      } else {
+         throw UsageError("unknown command \"" + cmd + "\"");
       }
    }
-}
 
-void Host::emit(String &out, String const &text) const {
-   if (options_.format != Format::OpenMetrics) {
-      out += text;
-      return;
+ private:
+   Ptr<Loom::Entity> entityAt(String const &path) const {
+      return Sentrel::stateTreeEntry(path) ? session_.ledger().lookup(path) : nullptr;
    }
-   // Comments, so that the metrics file stays valid for its readers.
-   std::size_t begin = 0;
-   for (std::size_t end; (end = text.find('\n', begin)) != String::npos; begin = end + 1) {
-      out += "# " + text.substr(begin, end - begin) + "\n";
-   }
-}
 
-void Host::runScriptCommand(String const &, String const &line, String &out) {
-   String rest = line;
-   String const cmd = word(rest);
-   if (cmd == "set" || cmd == "insert") {
+   void set(String const &cmd, String rest) {
       String const path = word(rest), attrName = word(rest), json = trimmed(rest);
       if (json.empty()) throw UsageError(cmd + " takes PATH ATTR JSON");
       // The agent's own attributes are addressed as "agent".
-      auto entityAt = [this](String const &p) { return Sentrel::stateTreeEntry(p) ? em_->lookup(p) : nullptr; };
-      Ptr<Loom::Entity> const entity = path == "agent" ? Ptr<Loom::Entity>(agent_) : entityAt(path);
+      Ptr<Loom::Entity> const entity = path == "agent" ? session_.agentEntity() : entityAt(path);
       if (!entity) throw UsageError("no entity at \"" + path + "\"");
       auto const *attr = entity->typeData().attr(attrName);
       if (!attr || (attr->kind == Loom::Kind::Ref && !attr->set)) {
@@ -82,34 +82,63 @@ void Host::runScriptCommand(String const &, String const &line, String &out) {
       if (c.error) throw UsageError(attrName + ": " + c.error->message);
       auto const &op = collection ? attr->insert : attr->set;
       if (auto e = op(*entity, c.value)) throw UsageError(attrName + ": " + *e);
-   } else if (cmd == "show") {
+   }
+
+   void show(String rest) {
       String const path = word(rest);
       if (!trimmed(rest).empty()) throw UsageError("show takes at most one PATH");
-      std::optional<String> p;
-      if (!path.empty()) {
-         if (!Sentrel::stateTreeEntry(path)) throw UsageError("no entity at \"" + path + "\"");
-         p = path;
-      }
-      emit(out, options_.format == Format::Json ? showJson(p) : showText(p));
-   } else if (cmd == "invoke") {
+      if (!path.empty() && !Sentrel::stateTreeEntry(path)) throw UsageError("no entity at \"" + path + "\"");
+      auto const m = entitiesModel(session_);
+      String const *only = path.empty() ? nullptr : &path;
+      emit(format_ == Format::Json ? jsonShow(m, only) : textShow(m, only));
+   }
+
+   void invoke(String rest) {
       String const sm = word(rest), opName = word(rest);
       if (opName.empty() || !trimmed(rest).empty()) throw UsageError("invoke takes SM OPERATION");
-      auto const *attr = agent_->typeData().attr(sm + "Sm");
-      if (sm.empty() || !attr || attr->kind != Loom::Kind::Ref) throw UsageError("unknown state machine \"" + sm + "\"");
-      auto *machine = stateMachine(sm);
-      if (!machine) throw UsageError("state machine \"" + sm + "\" does not exist");
+      auto const machines = session_.machines();
+      auto slot = std::find_if(machines.begin(), machines.end(), [&](auto const &s) { return s.name == sm; });
+      if (sm.empty() || slot == machines.end()) throw UsageError("unknown state machine \"" + sm + "\"");
+      if (!slot->machine) throw UsageError("state machine \"" + sm + "\" does not exist");
+      auto *machine = const_cast<Loom::Object *>(slot->machine);
       auto const *op = machine->typeData().op(opName);
       if (!op) throw UsageError("unknown operation \"" + opName + "\" of " + sm);
       Ptr<Loom::Object> keep(machine);
-      if (auto result = op->invoke(*machine)) {
-         emit(out, (options_.format == Format::Json ? jsonQuote(*result) : *result) + "\n");
+      if (auto result = op->invoke(*machine)) emit((format_ == Format::Json ? jsonQuote(*result) : *result) + "\n");
+   }
+
+   // Appends what a command prints; as comments in the metrics format, so
+   // that the metrics file stays valid for its readers.
+   void emit(String const &text) {
+      if (format_ != Format::OpenMetrics) {
+         out_ += text;
+         return;
       }
-   } else if (cmd == "restart") {
-      if (!trimmed(rest).empty()) throw UsageError("restart takes no argument");
-      stopAgent();
-      startAgent();
-   } else {
-      throw UsageError("unknown command \"" + cmd + "\"");
+      std::size_t begin = 0;
+      for (std::size_t end; (end = text.find('\n', begin)) != String::npos; begin = end + 1) {
+         out_ += "# " + text.substr(begin, end - begin) + "\n";
+      }
+   }
+
+   Session &session_;
+   Format format_;
+   String &out_;
+};
+
+}  // namespace
+
+void runScript(Session &session, Format format, String const &name, String const &text, String &out) {
+   Interpreter interpreter(session, format, out);
+   Loom::Pieces lines(text, '\n');
+   std::string_view line;
+   for (int n = 1; lines.next(line); ++n) {
+      String const t = trimmed(String(line));
+      if (t.empty() || t.front() == '#') continue;
+      try {
+         interpreter.command(t);
+      } catch (UsageError const &e) {
+         throw UsageError(name + ":" + std::to_string(n) + ": " + e.what());
+      }
    }
 }
 

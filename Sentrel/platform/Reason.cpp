@@ -12,23 +12,18 @@ std::function<void(ReasonRecord const &)> &sink() {
    static auto *s = new std::function<void(ReasonRecord const &)>;
    return *s;
 }
-
-void send(Entity const *entity, String const &path, std::initializer_list<char const *> attributes,
-          String &&reason, String &&hint) {
-   if (!sink()) return;
-   ReasonRecord r{entity, path, {attributes.begin(), attributes.end()}, std::move(reason), std::move(hint)};
-   sink()(r);
-}
 }  // namespace
 
 void reasonSinkIs(std::function<void(ReasonRecord const &)> s) { sink() = std::move(s); }
 
-void reasonIs(Entity const &entity, std::initializer_list<char const *> attributes, String reason, String hint) {
-   send(&entity, {}, attributes, std::move(reason), std::move(hint));
+void reasonSend(ReasonRecord record) {
+   if (sink()) sink()(record);
 }
 
-void reasonAt(String const &path, std::initializer_list<char const *> attributes, String reason, String hint) {
-   send(nullptr, path, attributes, std::move(reason), std::move(hint));
+void reasonIs(ReasonRecord facts, String reason, String hint) {
+   facts.reason = std::move(reason);
+   facts.hint = std::move(hint);
+   reasonSend(std::move(facts));
 }
 
 String openFailure(String const &file, int err) {

@@ -42,9 +42,10 @@ Ptr<Sm> stateMachineNew(Args const &...args) {
 // `Class(args)` (written by the machine), a getter and a field `name_` for
 // each, and `constructorArgs()`, what the agent compares by identity before
 // building the machine again. In one source file,
-// LOOM_STATE_MACHINE_DEFINE(Namespace, Class, ARGS, OPS) defines its
-// allocation tracker, destructor and type description: the references, then
-// `initialized`, and the operations listed by OPS as X(name).
+// LOOM_STATE_MACHINE_DEFINE(Namespace, Class, name, ARGS, OPS) defines its
+// allocation tracker, destructor and type description: the name operators
+// know it by, the references, then `initialized`, and the operations listed
+// by OPS as X(name).
 #define LOOM_DROP_FIRST_(first, ...) __VA_ARGS__
 #define LOOM_DROP_FIRST(...) LOOM_DROP_FIRST_(__VA_ARGS__)
 #define LOOM_SM_PARAM_(T, name) , Ptr<T> const &name
@@ -75,7 +76,7 @@ Ptr<Sm> stateMachineNew(Args const &...args) {
    ::Loom::TrackedBy tracked_{memAllocationTracker_};                               \
    ARGS(LOOM_SM_FIELD_)
 
-#define LOOM_STATE_MACHINE_DEFINE(NS, S, ARGS, OPS)                                 \
+#define LOOM_STATE_MACHINE_DEFINE(NS, S, NAME, ARGS, OPS)                           \
    namespace NS {                                                                   \
    ::Loom::AllocationTracker S::memAllocationTracker_{#NS "::" #S};                 \
    S::~S() = default;                                                               \
@@ -84,7 +85,7 @@ Ptr<Sm> stateMachineNew(Args const &...args) {
       static constexpr ::Loom::AttrInfo attrs[] = {                                 \
          ARGS(LOOM_SM_REF_INFO_)::Loom::attr<&Self::initialized, &Self::initializedIs>("initialized")}; \
       static constexpr ::Loom::OpInfo ops[] = {OPS(LOOM_SM_OP_INFO_)};              \
-      static constexpr ::Loom::TypeInfo t{#NS "::" #S, attrs, ops};                 \
+      static constexpr ::Loom::TypeInfo t{#NS "::" #S, attrs, ops, nullptr, nullptr, #NAME}; \
       return t;                                                                     \
    }                                                                                \
    }

@@ -58,6 +58,7 @@ struct AttrInfo {
    Value (*get)(Object const &) = nullptr;
    Error (*set)(Object &, Value const &) = nullptr;     // null: not settable
    Error (*insert)(Object &, Value const &) = nullptr;  // sets and maps: one element
+   TypeInfo const &(*refType)() = nullptr;               // references: the type referred to
 };
 
 struct OpInfo {
@@ -73,6 +74,9 @@ struct LOOM_API TypeInfo {
    Ptr<Object> (*create)() = nullptr;  // entity types: a new entity at defaults
    // Types built from a name alone, as agents are: a new object of that name.
    Ptr<Object> (*createNamed)(String const &name) = nullptr;
+   // State machines: the name operators know the machine by (scripts,
+   // reports); empty for every other type.
+   std::string_view machine = {};
 
    AttrInfo const *attr(std::string_view n) const;
    OpInfo const *op(std::string_view n) const;
@@ -164,6 +168,7 @@ constexpr AttrInfo attr(std::string_view name) {
    AttrInfo a{name, ValueTraits<T>::kind};
    if constexpr (std::is_unsigned_v<T> && !std::is_same_v<T, bool>) a.max = std::numeric_limits<T>::max();
    a.get = &getValue<Get>;
+   if constexpr (ValueTraits<T>::kind == Kind::Ref) a.refType = ValueTraits<T>::type;
    if constexpr (!std::is_null_pointer_v<decltype(Set)>) a.set = &setValue<Get, Set>;
    return a;
 }
@@ -238,6 +243,7 @@ class LOOM_API Object : public RefCounted {
 template <class X>
 struct ValueTraits<Ptr<X>> {
    static constexpr Kind kind = Kind::Ref;
+   static constexpr TypeInfo const &(*type)() = &std::remove_const_t<X>::typeInfo;
    static Value to(Ptr<X> const &v) { return static_cast<Object const *>(v.ptr()); }
    static Error from(Value const &v, Ptr<X> &out) {
       using Plain = std::remove_const_t<X>;

@@ -1,6 +1,7 @@
 #include "Sentrel/types/FirstInstructionSecurity.h"
 #include "Sentrel/types/HardwareSentrelConfig.h"
 #include "Sentrel/types/IntegrityKeyringColl.h"
+#include "Sentrel/types/MeasuredBootEvidence.h"
 #include "Sentrel/types/MeasuredBootVersion.h"
 #include "Sentrel/types/TarnFeaturesStatus.h"
 #include "Sentrel/types/TarnPcrConfigStatus.h"
@@ -9,6 +10,7 @@
 LOOM_ENTITY_DEFINE(Sentrel, MeasuredBootVersion, SENTREL_MEASURED_BOOT_VERSION_ATTRS)
 LOOM_ENTITY_DEFINE(Sentrel, FirstInstructionSecurity, SENTREL_FIRST_INSTRUCTION_SECURITY_ATTRS)
 LOOM_ENTITY_DEFINE(Sentrel, IntegrityKeyringColl, SENTREL_INTEGRITY_KEYRING_COLL_ATTRS)
+LOOM_ENTITY_DEFINE(Sentrel, MeasuredBootEvidence, SENTREL_MEASURED_BOOT_EVIDENCE_ATTRS)
 LOOM_ENTITY_DEFINE(Tarn::Features, Status, TARN_FEATURES_STATUS_ATTRS)
 LOOM_ENTITY_DEFINE(Tarn::PcrConfig, Status, TARN_PCR_CONFIG_STATUS_ATTRS)
 LOOM_ENTITY_DEFINE(Tarn::Secureboot, Status, TARN_SECUREBOOT_STATUS_ATTRS)
@@ -44,7 +46,8 @@ bool const typesRegistered = [] {
                       {&Loom::Dir::typeInfo(), &Sentrel::MeasuredBootVersion::typeInfo(),
                        &Sentrel::FirstInstructionSecurity::typeInfo(), &Tarn::Features::Status::typeInfo(),
                        &Tarn::PcrConfig::Status::typeInfo(), &Tarn::Secureboot::Status::typeInfo(),
-                       &Hardware::Sentrel::Config::typeInfo(), &Sentrel::IntegrityKeyringColl::typeInfo()});
+                       &Hardware::Sentrel::Config::typeInfo(), &Sentrel::IntegrityKeyringColl::typeInfo(),
+                       &Sentrel::MeasuredBootEvidence::typeInfo()});
    return true;
 }();
 }  // namespace
