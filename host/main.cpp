@@ -9,6 +9,7 @@
 #include "host/Host.h"
 #include "host/OutputFile.h"
 #include "host/Output.h"
+#include "host/Version.h"
 
 namespace {
 
