@@ -7,10 +7,10 @@
 
 #include "Sentrel/platform/String.h"
 
-// The build defines it from the project's version; a build without it still
-// reports one.
+// The build defines it from the project's version (host/CMakeLists.txt); a
+// version made up here would drift from it.
 #ifndef SENTREL_VERSION
-#define SENTREL_VERSION "1.0.0"
+#error "SENTREL_VERSION is not defined: link SentrelHostCore, which defines it"
 #endif
 
 namespace SentrelHost {

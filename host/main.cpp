@@ -19,6 +19,7 @@
 #include "host/Session.h"
 #include "host/TextReport.h"
 #include "host/UsageError.h"
+#include "host/Version.h"
 
 namespace {
 

@@ -97,16 +97,17 @@ TEST_F(Metrics, WarningsAreCountedByName) {
    EXPECT_EQ(s.at(R"(sentrel_warnings{name="TARN_DEPRECATION_WARNING"})"), "2");
 }
 
-TEST_F(Metrics, BothFormatsSayWhenWhereAndByWhichVersionTheRunWasMade) {
+TEST_F(Metrics, BothFormatsSayWhenAndWhereTheRunWasMadeAndEveryOutputNamesTheProjectVersion) {
    auto const before = std::time(nullptr);
    auto const d = parseJson(run(kInputs, "json").out);
    auto const s = samples(kInputs);
    auto const after = std::time(nullptr);
    ASSERT_STREQ(d.MemberBegin()->name.GetString(), "run");  // first, to be seen at a glance
    auto const &r = d["run"];
-   String const version = r["version"].GetString();
-   EXPECT_FALSE(version.empty());
-   EXPECT_EQ(s.count(R"(sentrel_build_info{version=")" + version + R"("})"), 1u);
+   // One version, the project's, whichever way it is asked for.
+   EXPECT_STREQ(r["version"].GetString(), SENTREL_PROJECT_VERSION);
+   EXPECT_EQ(s.count(R"(sentrel_build_info{version=")" SENTREL_PROJECT_VERSION R"("})"), 1u);
+   EXPECT_EQ(runHost({"--version"}).out, "sentrel " SENTREL_PROJECT_VERSION "\n");
    char name[256] = {};
    gethostname(name, sizeof name - 1);
    EXPECT_STREQ(r["host"].GetString(), name);

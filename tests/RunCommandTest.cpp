@@ -59,6 +59,18 @@ TEST(RunCommandForOutput, KillsTheCommandAndItsChildrenAtTheDeadline) {
    EXPECT_EQ(Loom::runCommand("sleep 30", Loom::kNoInput, -1, Loom::kDiscard), Loom::kCommandKilled);
 }
 
+// Started by its path, not through a shell that would report the death
+// itself: the runner turns the signal into the shell's number.
+TEST(RunCommandForOutput, ACommandKilledByASignalEndsWith128PlusTheSignal) {
+   TempDir dir;
+   String const command = dir.script("term-self", "kill -TERM $$\n");
+   ASSERT_EQ(command.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./"),
+             String::npos)
+      << "not plain words, so it would go through the shell: " << command;
+   EXPECT_EQ(Loom::runCommandForOutput(command).exitCode, 143);  // as a shell reports SIGTERM
+   EXPECT_EQ(Loom::runCommand(command, Loom::kNoInput, Loom::kDiscard, Loom::kDiscard), 143);
+}
+
 // Waiting for the pipe's end would run into the deadline.
 TEST(RunCommandForOutput, ABackgroundChildKeepingThePipeDoesNotHoldTheCaller) {
    auto const r = Loom::runCommandForOutput("sleep 30 & echo $!");

@@ -23,6 +23,8 @@ for f in "$prefix/$mandir/man1/sentrel.1" "$units/sentrel.service" "$units/sentr
 done
 
 [[ $("$sentrel" --version) == "sentrel $version" ]] || fail "--version printed '$("$sentrel" --version)'"
+grep -qx ".TH SENTREL 1 .* \"sentrel $version\" .*" "$prefix/$mandir/man1/sentrel.1" ||
+  fail "the manual page names another version: $(head -1 "$prefix/$mandir/man1/sentrel.1")"
 
 # The framework comes from the moved tree, not from the build folder.
 framework=$(ldd "$sentrel" | awk '/libSentrelPlatform/ {print $3}')

@@ -1,12 +1,24 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages that building and testing need.
+# Installs the Debian 12 packages that a job needs:
+#   tools/deps.sh build   building sentrel and running it (tools/run-example.sh)
+#   tools/deps.sh test    that, and what the tests, benchmarks, fuzzers and
+#                         the Debian package need (tools/test.sh)
 set -euo pipefail
-packages=(g++ clang cmake make rapidjson-dev libgtest-dev libgmock-dev libbenchmark-dev
-          libclang-rt-14-dev valgrind python3
-          # the Debian package, its checks, the manual page and the units
-          debhelper dpkg-dev fakeroot lintian man-db groff-base systemd git
-          # the metrics tests
-          prometheus prometheus-node-exporter curl)
+build=(g++ cmake make rapidjson-dev
+       # the measured boot evidence module
+       libssl-dev libtss2-dev pkg-config)
+test=(clang libgtest-dev libgmock-dev libbenchmark-dev libclang-rt-14-dev valgrind python3
+      # the Debian package, its checks, the manual page and the units
+      debhelper dpkg-dev fakeroot lintian man-db groff-base systemd git
+      # the metrics tests
+      prometheus prometheus-node-exporter curl
+      # a software TPM for the measured boot evidence tests
+      swtpm swtpm-tools tpm2-tools)
+case "${1:-}" in
+  build) packages=("${build[@]}") ;;
+  test) packages=("${build[@]}" "${test[@]}") ;;
+  *) echo "usage: tools/deps.sh build|test" >&2; exit 2 ;;
+esac
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

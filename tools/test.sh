@@ -5,7 +5,7 @@
 # package.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-tools/deps.sh
+tools/deps.sh test
 jobs=2
 fuzz_seconds=${SENTREL_FUZZ_SECONDS:-20}
 
