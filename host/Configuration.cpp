@@ -69,6 +69,10 @@ Configuration configure(Options options) {
       if (!mask) throw UsageError(String(source) + " takes levels 0 to 9 such as 2, 2,7 or 0-9, not '" + *levels + "'");
       c.traceLevels = *mask;
    }
+   if (auto tcti = given(options.tcti, "--tcti", "SENTREL_TCTI", source)) {
+      if (tcti->empty()) throw UsageError(String(source) + " names no TCTI");
+      options.tcti = tcti;
+   }
    c.options = std::move(options);
    return c;
 }

@@ -17,6 +17,7 @@
 #include "host/JsonTree.h"
 #include "host/StateFile.h"
 #include "host/UsageError.h"
+#include "host/evidence/Evidence.h"
 
 namespace SentrelHost {
 
@@ -31,7 +32,7 @@ char const kSecureBootVar[] = "/sys/firmware/efi/efivars/SecureBoot-8be4df61-93c
 char const kTpm[] = "/sys/class/tpm/tpm0";
 char const kTpmVersion[] = "/sys/class/tpm/tpm0/tpm_version_major";
 char const kSecurityFs[] = "/sys/kernel/security";
-char const kEventLog[] = "/sys/kernel/security/tpm0/binary_bios_measurements";
+char const *const kEventLog = SentrelEvidence::kEventLogPath;
 char const kCpuinfo[] = "/proc/cpuinfo";
 // An efivarfs file: the variable's 4-byte attributes word, then its data.
 std::size_t const kEfiAttributesSize = 4;

@@ -8,6 +8,7 @@ char const *const kUsage =
    "usage: sentrel [--agent PATH] [--live] [--state FILE] [--sysroot DIR] [--toggles DIR]\n"
    "               [--trace LEVELS] [--format text|json|openmetrics] [--output FILE]\n"
    "               [--script FILE|-] [--command-timeout SECONDS] [--no-syslog]\n"
+   "               [--event-log FILE] [--tcti CONF] [--baseline FILE] [--write-baseline FILE]\n"
    "               [--fail-on-warning] [--fail-on-unknown] [--version] [--help]\n"
    "\n"
    "Loads the Sentrel agent as the agent framework does, runs it on this machine\n"
@@ -25,6 +26,10 @@ char const *const kUsage =
    "  --script FILE|-        commands run after start-up: set, insert, show, invoke, restart\n"
    "  --command-timeout SEC  deadline of each command the agent runs ($SENTREL_COMMAND_TIMEOUT, 10)\n"
    "  --no-syslog            do not send log messages to the system log\n"
+   "  --event-log FILE       replay this collected TPM event log instead of the machine's\n"
+   "  --tcti CONF            reach the TPM through this TCTI, e.g. swtpm:port=2321 ($SENTREL_TCTI)\n"
+   "  --baseline FILE        compare the event log with this baseline (/etc/sentrel/baseline.json)\n"
+   "  --write-baseline FILE  write the event log as a baseline (TCG Canonical Event Log JSON)\n"
    "  --fail-on-warning      exit 1 when a log message was emitted\n"
    "  --fail-on-unknown      exit 4 when a fact is unknown\n"
    "  --version              the version of sentrel\n"
@@ -70,6 +75,14 @@ Options parseOptions(int argc, char **argv) {
          o.scriptPath = value();
       } else if (arg == "--command-timeout") {
          o.commandTimeout = value();
+      } else if (arg == "--event-log") {
+         o.eventLog = value();
+      } else if (arg == "--tcti") {
+         o.tcti = value();
+      } else if (arg == "--baseline") {
+         o.baseline = value();
+      } else if (arg == "--write-baseline") {
+         o.writeBaseline = value();
       } else if (arg == "--no-syslog") {
          o.syslog = false;
       } else if (arg == "--fail-on-warning") {

@@ -23,6 +23,12 @@ struct Options {
    std::optional<String> outputPath;
    std::optional<String> scriptPath;
    std::optional<String> commandTimeout;
+   // Measured boot evidence: a collected event log, the TPM's TCTI, the
+   // fleet's baseline, and where to write this machine's log as one.
+   std::optional<String> eventLog;
+   std::optional<String> tcti;
+   std::optional<String> baseline;
+   std::optional<String> writeBaseline;
    bool syslog = true;
    bool failOnWarning = false;
    bool failOnUnknown = false;

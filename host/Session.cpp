@@ -11,6 +11,8 @@
 #include "Sentrel/platform/Sysroot.h"
 #include "Sentrel/platform/Toggle.h"
 #include "host/LiveInputs.h"
+#include "host/OutputFile.h"
+#include "host/evidence/Evidence.h"
 #include "host/StateFile.h"
 #include "host/UsageError.h"
 
@@ -22,14 +24,14 @@ namespace {
 char const *const kFactorySymbol =
    "_ZN7Sentrel12agentFactoryENSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE";
 
-// The agent beside the executable, where the installed and the build tree
-// alike keep it.
-String defaultAgentPath() {
+// A library of the private folder beside the executable, where the
+// installed and the build tree alike keep the agent and the evidence module.
+String besideExecutable(char const *relative) {
    char buf[4096];
    ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-   if (n <= 0) return SENTREL_INSTALLED_AGENT;
+   if (n <= 0) return relative;
    String exe(buf, static_cast<std::size_t>(n));
-   return exe.substr(0, exe.rfind('/') + 1) + SENTREL_INSTALLED_AGENT;
+   return exe.substr(0, exe.rfind('/') + 1) + relative;
 }
 
 }  // namespace
@@ -69,7 +71,7 @@ Session::~Session() {
 }
 
 void Session::loadAgent() {
-   String const path = config_.options.agentPath.empty() ? defaultAgentPath() : config_.options.agentPath;
+   String const path = config_.options.agentPath.empty() ? besideExecutable(SENTREL_INSTALLED_AGENT) : config_.options.agentPath;
    // Never unloaded: the agent's statics (log handles) live until exit.
    void *handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
    if (!handle) throw UsageError("cannot load the agent " + path + ": " + dlerror());
@@ -85,6 +87,22 @@ void Session::seedLedger() {
 }
 
 void Session::applyLive() { readLiveInputs(*em_); }
+
+void Session::applyEvidence() {
+   auto const &o = config_.options;
+   String const path = besideExecutable(SENTREL_INSTALLED_EVIDENCE);
+   // Never unloaded, like the agent.
+   void *handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+   if (!handle) throw UsageError("cannot load the evidence module " + path + ": " + dlerror());
+   auto *evidence = reinterpret_cast<decltype(&sentrelMeasuredBootEvidence)>(dlsym(handle, "sentrelMeasuredBootEvidence"));
+   if (!evidence) throw UsageError("the evidence module " + path + " has no sentrelMeasuredBootEvidence");
+   SentrelEvidence::EvidenceOptions const options{o.eventLog, o.tcti, o.baseline, o.writeBaseline.has_value()};
+   SentrelEvidence::EvidenceResult result;
+   evidence(em_.ptr(), &options, &result);
+   if (!o.writeBaseline) return;
+   if (!result.baseline) throw UsageError("--write-baseline " + *o.writeBaseline + ": " + result.baselineProblem);
+   writeFileAtomically(*o.writeBaseline, *result.baseline);
+}
 
 void Session::applyState(String const &path, String const &text) {
    // What the file sets is known: earlier reasons for it no longer hold.

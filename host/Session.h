@@ -39,6 +39,9 @@ class Session {
    void seedLedger();
    // Fills the inputs from this Linux system.
    void applyLive();
+   // Replays the TPM's event log against its PCRs (the evidence module,
+   // loaded only for this) and writes the log as a baseline when asked.
+   void applyEvidence();
    // Applies a state file (JSON, the shape of the report's entities).
    void applyState(String const &path, String const &text);
    void startAgent();

@@ -65,6 +65,7 @@ int run(Configuration const &config) {
    session.loadAgent();
    session.seedLedger();
    if (options.live) session.applyLive();
+   if (options.live || options.eventLog || options.writeBaseline) session.applyEvidence();
    if (state) session.applyState(*options.statePath, *state);
    session.startAgent();
    // Output is held back until the run is complete: a failing script
