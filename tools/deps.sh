@@ -3,6 +3,10 @@
 set -euo pipefail
 packages=(g++ clang cmake make rapidjson-dev libgtest-dev libgmock-dev libbenchmark-dev
           libclang-rt-14-dev valgrind python3
+          # the measured boot evidence: OpenSSL and tpm2-tss
+          libtss2-dev libssl-dev pkg-config
+          # its tests against a software TPM
+          swtpm swtpm-tools tpm2-tools
           # the Debian package, its checks, the manual page and the units
           debhelper dpkg-dev fakeroot lintian man-db groff-base systemd git
           # the metrics tests
