@@ -41,17 +41,21 @@ String digest(char const *evpName, String const &data) {
    return String(reinterpret_cast<char const *>(out), size);
 }
 
-// A loopback socket bound to `port` (0: any free one), or -1.
-int boundSocket(std::uint16_t port) {
+// Binds (or connects) a new TCP socket to `port` on the loopback interface;
+// the socket, or -1.
+int loopbackSocket(std::uint16_t port, int (*how)(int, sockaddr const *, socklen_t)) {
    int const s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
    sockaddr_in a{};
    a.sin_family = AF_INET;
    a.sin_port = htons(port);
    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-   if (s >= 0 && bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0) return s;
+   if (s >= 0 && how(s, reinterpret_cast<sockaddr const *>(&a), sizeof a) == 0) return s;
    if (s >= 0) close(s);
    return -1;
 }
+
+// A socket bound to `port` (0: any free one), or -1.
+int boundSocket(std::uint16_t port) { return loopbackSocket(port, bind); }
 
 std::uint16_t portOf(int s) {
    sockaddr_in a{};
@@ -61,14 +65,9 @@ std::uint16_t portOf(int s) {
 }
 
 bool accepting(std::uint16_t port) {
-   int const s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-   sockaddr_in a{};
-   a.sin_family = AF_INET;
-   a.sin_port = htons(port);
-   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-   bool const ok = connect(s, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
-   close(s);
-   return ok;
+   int const s = loopbackSocket(port, connect);
+   if (s >= 0) close(s);
+   return s >= 0;
 }
 
 bool onPath(String const &tool) {
