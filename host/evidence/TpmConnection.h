@@ -1,0 +1,64 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <tss2/tss2_esys.h>
+
+#include "Sentrel/platform/String.h"
+
+namespace SentrelEvidence {
+
+using Loom::String;
+
+// A TPM reached through ESYS over a TCTI named by the loader's configuration
+// ("device:/dev/tpmrm0", "swtpm:host=127.0.0.1,port=2321"). Both contexts are
+// finalized with it, on every path. The TPM is not started: the firmware or
+// the resource manager did that.
+class TpmConnection {
+ public:
+   explicit TpmConnection(String const &tcti);
+   TpmConnection(TpmConnection const &) = delete;
+   TpmConnection &operator=(TpmConnection const &) = delete;
+   ~TpmConnection();
+
+   // Null when the connection failed; failure() then says why.
+   ESYS_CONTEXT *esys() const { return esys_; }
+   TSS2_RC failure() const { return failure_; }
+
+   // Calls `finish`, an ESYS _Finish step of a command sent with its _Async
+   // step, until the response is in or kResponseDeadline has passed: a TPM
+   // that never answers must not hang the run.
+   template <class Finish>
+   TSS2_RC await(Finish &&finish) const {
+      auto const deadline = std::chrono::steady_clock::now() + kResponseDeadline;
+      for (;;) {
+         TSS2_RC const rc = finish();
+         if (!tryAgain(rc) || std::chrono::steady_clock::now() >= deadline) return rc;
+      }
+   }
+   static constexpr std::chrono::seconds kResponseDeadline{10};
+   // The response is not in yet.
+   static bool tryAgain(TSS2_RC rc) { return (rc & ~TSS2_RC_LAYER_MASK) == TSS2_BASE_RC_TRY_AGAIN; }
+   // The TPM answered, with success or an error of its own. After any other
+   // failure ESYS sends no further command.
+   static bool answered(TSS2_RC rc) { return (rc & TSS2_RC_LAYER_MASK) == TSS2_TPM_RC_LAYER; }
+
+ private:
+   TSS2_TCTI_CONTEXT *tcti_ = nullptr;
+   ESYS_CONTEXT *esys_ = nullptr;
+   TSS2_RC failure_ = TSS2_RC_SUCCESS;
+};
+
+// What ESYS allocated for a response, freed with Esys_Free.
+struct EsysFree {
+   void operator()(void *p) const { Esys_Free(p); }
+};
+template <class T>
+using EsysBuffer = std::unique_ptr<T, EsysFree>;
+
+// A response code as tpm2-tss decodes it, with its number:
+// "tcti:IO failure (0x000a000a)"; a response still awaited at the deadline
+// says so.
+String responseText(TSS2_RC rc);
+
+}  // namespace SentrelEvidence
