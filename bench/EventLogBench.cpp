@@ -68,11 +68,11 @@ class HashFloor {
 
 void BM_EventLogReplay(benchmark::State &state) {
    auto const events = static_cast<std::size_t>(state.range(0));
-   SentrelTest::LogSpec spec;
-   spec.banks = {kAlgSha1, kAlgSha256, kAlgSha384};
-   spec.startupLocality = 3;
-   spec.events = SentrelTest::firmwareEvents(events, 7);
-   Loom::String const bytes = SentrelTest::writeEventLog(spec);
+   SentrelTest::LogSpec written;
+   written.banks = {kAlgSha1, kAlgSha256, kAlgSha384};
+   written.startupLocality = 3;
+   written.events = SentrelTest::firmwareEvents(events, 7);
+   Loom::String const bytes = SentrelTest::writeEventLog(written);
    auto const parsed = parseEventLog(bytes);
    if (!std::holds_alternative<EventLog>(parsed)) return state.SkipWithError("the log does not parse");
    HashFloor floor(std::get<EventLog>(parsed));
