@@ -3,6 +3,8 @@
 set -euo pipefail
 packages=(g++ clang cmake make rapidjson-dev libgtest-dev libgmock-dev libbenchmark-dev
           libclang-rt-14-dev valgrind python3
+          # the measured boot evidence, and tpm2_eventlog to check its replay against
+          libssl-dev libtss2-dev pkg-config tpm2-tools
           # the Debian package, its checks, the manual page and the units
           debhelper dpkg-dev fakeroot lintian man-db groff-base systemd git
           # the metrics tests
