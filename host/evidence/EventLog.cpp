@@ -184,6 +184,11 @@ class Parser {
          return fail(here() << ": its algorithm count " << count << " at byte " << dataAt + 24
                             << (count == 0 ? " declares no algorithm" : " lists more than its data holds"));
       }
+      // Past this, some id comes twice: said before tables of that size are built.
+      if (count > std::size_t{1} << 16) {
+         return fail(here() << ": its algorithm count " << count << " at byte " << dataAt + 24
+                            << " is more than there are algorithm ids");
+      }
       for (std::uint32_t i = 0; i < count; ++i) {
          std::size_t const at = kListAt + 4 * std::size_t{i};
          auto const id = static_cast<std::uint16_t>(littleEndian(d.substr(at, 2)));
