@@ -48,7 +48,19 @@ String uefiVariableData(std::string_view name, String const &value);
 // UEFI_IMAGE_LOAD_EVENT with a device path ending in a file path node.
 String imageLoadData(std::string_view filePath);
 
+// `count` events of a boot as firmware logs them, over PCRs 0-9 and 14: the
+// S-CRTM version, POST codes, UEFI variables, boot applications with their
+// device paths and image digests, actions, boot loader commands and
+// separators, with data of about 50 to 200 bytes. The same for the same seed.
+std::vector<LogEvent> firmwareEvents(std::size_t count, std::uint32_t seed);
+
 // Lower-case hex of raw bytes.
 String hex(String const &bytes);
+
+// Appends `v` in little-endian order, as every field of a log is written.
+template <class T>
+void putLittleEndian(String &out, T v) {
+   for (std::size_t i = 0; i < sizeof v; ++i) out += static_cast<char>(static_cast<std::uint64_t>(v) >> 8 * i & 0xff);
+}
 
 }  // namespace SentrelTest

@@ -60,7 +60,9 @@ struct Event {
    std::size_t offset;  // byte offset where the event starts
    std::uint32_t pcr;
    std::uint32_t type;
-   std::vector<Digest> digests;  // known algorithms only, in the log's order
+   // Known algorithms only, in the log's order; the crypto-agile header
+   // (event 0) has the zero SHA-1 digest of its own layout.
+   std::vector<Digest> digests;
    String data;
 };
 
@@ -76,8 +78,8 @@ struct EventLog {
 
 // Why a log could not be read: where and what.
 struct EventLogProblem {
-   std::size_t offset;
-   String what;
+   std::size_t offset;  // where the event at fault starts (0 for the whole log)
+   String what;         // "event N at byte OFFSET ...", naming the field's own byte
 };
 
 // Bounds: a real log is tens of kilobytes and a few hundred events; more is

@@ -1,0 +1,103 @@
+// Parsing and replaying a firmware event log, against the least the replay
+// can cost: OpenSSL extending the same digests with the same algorithms and
+// nothing else. Both run in every iteration and are timed by this thread's
+// CPU clock, so that other processes on the machine count in neither.
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <ctime>
+#include <openssl/evp.h>
+
+#include "host/evidence/Replay.h"
+#include "tests/EventLogWriter.h"
+
+using namespace SentrelEvidence;
+
+namespace {
+
+using Seconds = std::chrono::duration<double>;
+
+Seconds threadCpu() {
+   timespec t{};
+   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+   return Seconds(static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9);
+}
+
+// Per algorithm of the log, one fetched digest and one context extending a
+// single value with every extended digest in turn.
+class HashFloor {
+ public:
+   explicit HashFloor(EventLog const &log) {
+      for (auto const id : log.algorithms) {
+         Bank b{EVP_MD_fetch(nullptr, tpmAlgorithm(id)->evpName, nullptr), tpmAlgorithm(id)->digestSize, {}};
+         for (auto const &e : log.events) {
+            for (auto const &d : e.digests) {
+               if (e.type != EV_NO_ACTION && d.algorithm == id) b.digests += d.bytes;
+            }
+         }
+         banks_.push_back(std::move(b));
+      }
+   }
+   HashFloor(HashFloor const &) = delete;
+   ~HashFloor() {
+      for (auto &b : banks_) EVP_MD_free(b.md);
+      EVP_MD_CTX_free(ctx_);
+   }
+   void run() {
+      for (auto const &b : banks_) {
+         unsigned char value[EVP_MAX_MD_SIZE] = {};
+         for (std::size_t at = 0; at < b.digests.size(); at += b.size) {
+            EVP_DigestInit_ex(ctx_, b.md, nullptr);
+            EVP_DigestUpdate(ctx_, value, b.size);
+            EVP_DigestUpdate(ctx_, b.digests.data() + at, b.size);
+            EVP_DigestFinal_ex(ctx_, value, nullptr);
+         }
+         benchmark::DoNotOptimize(value);
+      }
+   }
+
+ private:
+   struct Bank {
+      EVP_MD *md;
+      std::size_t size;
+      Loom::String digests;  // end to end
+   };
+   std::vector<Bank> banks_;
+   EVP_MD_CTX *ctx_ = EVP_MD_CTX_new();
+};
+
+void BM_EventLogReplay(benchmark::State &state) {
+   auto const events = static_cast<std::size_t>(state.range(0));
+   SentrelTest::LogSpec written;
+   written.banks = {kAlgSha1, kAlgSha256, kAlgSha384};
+   written.startupLocality = 3;
+   written.events = SentrelTest::firmwareEvents(events, 7);
+   Loom::String const bytes = SentrelTest::writeEventLog(written);
+   auto const parsed = parseEventLog(bytes);
+   if (!std::holds_alternative<EventLog>(parsed)) return state.SkipWithError("the log does not parse");
+   HashFloor floor(std::get<EventLog>(parsed));
+   Seconds replayTime{}, floorTime{};
+   for (auto _ : state) {
+      auto const start = threadCpu();
+      {
+         auto const replay = replayEventLog(std::get<EventLog>(parseEventLog(bytes)));
+         benchmark::DoNotOptimize(replay.banks.size());
+      }
+      auto const replayed = threadCpu();
+      floor.run();
+      auto const floored = threadCpu();
+      replayTime += replayed - start;
+      floorTime += floored - replayed;
+      state.SetIterationTime((replayed - start).count());
+   }
+   auto const perRun = [&](Seconds d) { return d.count() * 1e6 / static_cast<double>(state.iterations()); };
+   state.counters["replay_us"] = perRun(replayTime);
+   state.counters["hashFloor_us"] = perRun(floorTime);
+   state.counters["replay/hashFloor"] = perRun(replayTime) / perRun(floorTime);
+   state.counters["log_KiB"] = static_cast<double>(bytes.size()) / 1024;
+   state.SetItemsProcessed(state.iterations() * state.range(0));
+   state.SetComplexityN(state.range(0));
+}
+BENCHMARK(BM_EventLogReplay)->Arg(100)->Arg(1000)->Arg(10000)->UseManualTime()->Complexity(benchmark::oN);
+
+}  // namespace

@@ -1,0 +1,74 @@
+#include "host/evidence/Replay.h"
+
+#include <algorithm>
+#include <memory>
+#include <openssl/evp.h>
+
+namespace SentrelEvidence {
+
+namespace {
+
+struct MdFree {
+   void operator()(EVP_MD *md) const { EVP_MD_free(md); }
+};
+struct CtxFree {
+   void operator()(EVP_MD_CTX *ctx) const { EVP_MD_CTX_free(ctx); }
+};
+
+// One bank being replayed: its digest fetched once and one context reused
+// for every extend, as fetching or allocating per event would cost more than
+// the hash itself.
+struct BankReplay {
+   std::uint16_t algorithm;
+   std::unique_ptr<EVP_MD, MdFree> md;
+   std::unique_ptr<EVP_MD_CTX, CtxFree> ctx;
+   PcrBank *pcrs;
+   bool failed = false;
+
+   void extend(std::uint32_t pcr, String const &digest, std::optional<std::uint8_t> startupLocality) {
+      auto [at, fresh] = pcrs->try_emplace(pcr);
+      String &value = at->second;
+      if (fresh) {
+         value.assign(static_cast<std::size_t>(EVP_MD_get_size(md.get())), '\0');
+         if (pcr == 0 && startupLocality) value.back() = static_cast<char>(*startupLocality);
+      }
+      auto *const out = reinterpret_cast<unsigned char *>(value.data());
+      failed = failed || !EVP_DigestInit_ex(ctx.get(), md.get(), nullptr) ||
+               !EVP_DigestUpdate(ctx.get(), value.data(), value.size()) ||
+               !EVP_DigestUpdate(ctx.get(), digest.data(), digest.size()) ||
+               !EVP_DigestFinal_ex(ctx.get(), out, nullptr);
+   }
+};
+
+}  // namespace
+
+Replay replayEventLog(EventLog const &log) {
+   Replay replay;
+   std::vector<BankReplay> banks;
+   for (auto const id : log.algorithms) {
+      auto const *a = tpmAlgorithm(id);
+      std::unique_ptr<EVP_MD, MdFree> md(a ? EVP_MD_fetch(nullptr, a->evpName, nullptr) : nullptr);
+      std::unique_ptr<EVP_MD_CTX, CtxFree> ctx(EVP_MD_CTX_new());
+      if (md && ctx) {
+         banks.push_back(BankReplay{id, std::move(md), std::move(ctx), &replay.banks[id]});
+      } else {
+         replay.uncomputable.push_back(id);
+      }
+   }
+   for (auto const &e : log.events) {
+      if (e.type == EV_NO_ACTION) continue;
+      for (auto const &d : e.digests) {
+         auto const bank = std::find_if(banks.begin(), banks.end(),
+                                        [&](BankReplay const &b) { return b.algorithm == d.algorithm; });
+         if (bank != banks.end()) bank->extend(e.pcr, d.bytes, log.startupLocality);
+      }
+   }
+   for (auto const &b : banks) {
+      if (!b.failed) continue;
+      replay.banks.erase(b.algorithm);
+      replay.uncomputable.push_back(b.algorithm);
+   }
+   return replay;
+}
+
+}  // namespace SentrelEvidence
