@@ -101,7 +101,8 @@ TEST(Baseline, ReadsTheFormsOtherWritersUse) {
             {described(3, 2, EV_SEPARATOR, {sha256('\xaa')}, "\x0a\x0b", false)}},
            {"names in other cases, an unknown algorithm and members of our own or of others",
             R"([{"machine_unique": true, "extra": {"a": [1, {"b": null}]}, "recnum": 1, "pcr": 1,
-                "digests": [{"hashAlg": "sha3_256", "digest": "00"}, {"hashAlg": "SHA256", "digest": ")" +
+                "digests": [{"hashAlg": "sha3_256", "digest": "00"}, {"hashAlg": 65547, "digest": ""},
+                            {"hashAlg": "SHA256", "digest": ")" +
                sha256Hex + R"(", "note": []}], "content_type": "PCClient_Std",
                 "content": {"event_data": "", "event_type": "ev_separator", "more": {}}}])",
             {described(1, 1, EV_SEPARATOR, {sha256('\xaa')}, "", true)}},
@@ -153,6 +154,8 @@ TEST(Baseline, AMalformedBaselineIsAProblemAtItsOffset) {
            {with(String(64, 'a'), String(63, 'a') + "g"), R"("aa)",
             "record 0: the sha256 digest is not 64 hex digits"},
            {with(R"("hashAlg": "sha256", )", ""), R"({"digest")", R"(record 0: a digest has no "hashAlg")"},
+           {with(R"(, "digest": ")" + String(64, 'a') + "\"", ""), R"({"hashAlg")",
+            R"(record 0: a digest has no "digest")"},
            {with(R"(}], "content_type")", R"(}, {"hashAlg": "sha256", "digest": ")" + String(64, 'b') +
                                               R"("}], "content_type")"),
             R"({"hashAlg": "sha256", "digest": "bb)", "record 0: a second sha256 digest"},

@@ -115,6 +115,8 @@ TEST(EventNames, ComponentIsWhatTheEventSaysItMeasuredAndNothingWhenItsDataIsMal
            {"image data shorter than its header", EV_EFI_BOOT_SERVICES_APPLICATION, String(31, '\0'), ""},
            {"a device path past the data", EV_EFI_BOOT_SERVICES_APPLICATION,
             imageLoadData("\\EFI\\BOOT\\BOOTX64.EFI").substr(0, 60), ""},
+           {"a device path length past the data", EV_EFI_BOOT_SERVICES_APPLICATION,
+            imageData(fileNode("\\a.efi") + kEnd).replace(24, 1, 1, '\x21'), ""},
            {"a node of length 0", EV_EFI_BOOT_SERVICES_APPLICATION,
             imageData(fileNode("\\a.efi") + String{4, 4, 0, 0} + kEnd), ""},
            {"a node past the end of the path", EV_EFI_BOOT_SERVICES_APPLICATION,

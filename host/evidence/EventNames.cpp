@@ -175,8 +175,8 @@ String nodeDescription(std::string_view node) {
 }
 
 // UEFI_IMAGE_LOAD_EVENT: the image's location, length and link-time address,
-// then its device path's length and the device path. The path from the run
-// of media file path nodes, or the last node when there is none.
+// then its device path's length and the device path. The path from its media
+// file path nodes, or its last node when there is none.
 String imagePath(std::string_view data) {
    constexpr std::size_t kHeader = 32;
    if (data.size() < kHeader) return {};
@@ -184,7 +184,6 @@ String imagePath(std::string_view data) {
    if (length > data.size() - kHeader) return {};
    std::string_view path = data.substr(kHeader, length), last;
    String file;
-   bool inFile = false;
    while (!path.empty()) {
       if (path.size() < 4) return {};
       std::size_t const nodeLength = littleEndian(path, 2, 2);
@@ -192,15 +191,12 @@ String imagePath(std::string_view data) {
       std::string_view const node = path.substr(0, nodeLength);
       path.remove_prefix(nodeLength);
       if (static_cast<unsigned char>(node[0]) == 0x7F) break;  // the end of the path, or of its first instance
-      bool const isFile = node[0] == 4 && node[1] == 4;
-      if (isFile) {
-         if (!inFile) file.clear();
+      if (node[0] == 4 && node[1] == 4) {
          String const piece = textOf(node.substr(4), true);
          // A long path comes in pieces, with or without their separators.
          if (!file.empty() && !piece.empty() && file.back() != '\\' && piece.front() != '\\') file += '\\';
          file += piece;
       }
-      inFile = isFile;
       last = node;
    }
    if (!file.empty()) return capped(std::move(file));
