@@ -1,7 +1,6 @@
 #include "host/evidence/Baseline.h"
 
 #include <algorithm>
-#include <cstring>
 #include <map>
 #include <optional>
 #include <set>
@@ -85,24 +84,6 @@ String canonicalEventLogJson(EventLog const &log) {
 
 namespace {
 
-// A string stream that the reader does not copy (it copies its own string
-// stream for speed), so that the handler sees where the reader is. It reads
-// as NUL at and past its end.
-struct OffsetStream {
-   using Ch = char;
-   explicit OffsetStream(std::string_view s) : head(s.data()), src(head), end(head + s.size()) {}
-   Ch Peek() const { return src < end ? *src : '\0'; }
-   Ch Take() { return src < end ? *src++ : '\0'; }
-   std::size_t Tell() const { return static_cast<std::size_t>(src - head); }
-   Ch *PutBegin() { return nullptr; }
-   void Put(Ch) {}
-   void Flush() {}
-   std::size_t PutEnd(Ch *) { return 0; }
-   char const *head;
-   char const *src;
-   char const *end;
-};
-
 struct PendingDigest {
    std::size_t offset = 0;
    bool named = false;
@@ -129,7 +110,9 @@ struct PendingRecord {
 // until its end, where it is checked whole: members come in any order.
 class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, BaselineReader> {
  public:
-   BaselineReader(std::string_view text, OffsetStream const &stream) : text_(text), stream_(stream) {}
+   // The reader does not copy a memory stream, as it does a string stream:
+   // the handler sees where the reader is.
+   BaselineReader(std::string_view text, rapidjson::MemoryStream const &stream) : text_(text), stream_(stream) {}
 
    bool Default() { return value({}); }
    bool Bool(bool b) { return value({.kind = Kind::Bool, .flag = b}); }
@@ -165,8 +148,7 @@ class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ba
    // previous event that is not blank, comma or colon. The reader reports a
    // bracket before it takes it, so a bracket's event ends just past it.
    std::size_t start(bool bracket = false) {
-      std::size_t i = last_;
-      while (i < text_.size() && std::strchr(" \t\r\n,:", text_[i]) && text_[i] != '\0') ++i;
+      std::size_t const i = std::min(text_.find_first_not_of(" \t\r\n,:", last_), text_.size());
       last_ = bracket ? i + 1 : stream_.Tell();
       return i;
    }
@@ -333,7 +315,7 @@ class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ba
    }
 
    std::string_view text_;
-   OffsetStream const &stream_;
+   rapidjson::MemoryStream const &stream_;
    std::size_t last_ = 0;
    std::vector<Where> where_;
    Loom::String key_;
@@ -348,7 +330,7 @@ std::variant<Baseline, EventLogProblem> parseBaseline(std::string_view json) {
    if (auto const nul = json.find('\0'); nul != std::string_view::npos) {
       return EventLogProblem{nul, "a NUL byte is not JSON"};
    }
-   OffsetStream stream(json);
+   rapidjson::MemoryStream stream(json.data(), json.size());
    BaselineReader reader(json, stream);
    rapidjson::Reader parser;
    auto const result =

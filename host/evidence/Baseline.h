@@ -18,7 +18,9 @@
 //    "content": {"event_type": "EV_EFI_BOOT_SERVICES_APPLICATION", "event_data": "<hex>"}}
 // recnum is the event's number in the log, from 0. event_type is the TCG
 // name, or the number for a type without one; hashAlg the TPM's name of the
-// algorithm. Reading, a number is taken for either, names in any case.
+// algorithm; data and digests lower-case hex. Reading, numbers are taken
+// too (for the content type, the event type and the algorithm), names in
+// any case and hex in either.
 //
 // One member is our own: "machine_unique": true marks a record whose event
 // differs from machine to machine of a model (a MAC address in PCR 1, a
