@@ -1,4 +1,3 @@
-// Event data as UEFI firmware writes it into the log.
 #include <cstdint>
 
 #include "EventLogWriter.h"
@@ -6,39 +5,43 @@
 namespace SentrelTest {
 
 namespace {
-// EFI_GLOBAL_VARIABLE, 8be4df61-93ca-11d2-aa0d-00e098032b8c: its first three
-// fields little-endian, the last eight bytes as they are.
-constexpr char kEfiGlobalVariable[] = "\x61\xdf\xe4\x8b\xca\x93\xd2\x11\xaa\x0d\x00\xe0\x98\x03\x2b\x8c";
+void appendLittleEndian(String &out, std::uint64_t n, std::size_t size) {
+   for (std::size_t i = 0; i < size; ++i) out += static_cast<char>(n >> (8 * i) & 0xFF);
+}
 }  // namespace
 
 String utf16(std::string_view ascii) {
    String out;
-   for (char const c : ascii) putLittleEndian(out, static_cast<std::uint16_t>(static_cast<unsigned char>(c)));
+   for (char c : ascii) out += {c, '\0'};
    return out;
 }
 
-// UEFI_VARIABLE_DATA: VariableName, UnicodeNameLength (in CHAR16),
-// VariableDataLength, UnicodeName, VariableData.
 String uefiVariableData(std::string_view name, String const &value) {
-   String out(kEfiGlobalVariable, 16);
-   putLittleEndian(out, std::uint64_t{name.size()});
-   putLittleEndian(out, std::uint64_t{value.size()});
+   // EFI_GLOBAL_VARIABLE, 8be4df61-93ca-11d2-aa0d-00e098032b8c, as it lies in memory.
+   String out("\x61\xdf\xe4\x8b\xca\x93\xd2\x11\xaa\x0d\x00\xe0\x98\x03\x2b\x8c", 16);
+   appendLittleEndian(out, name.size(), 8);
+   appendLittleEndian(out, value.size(), 8);
    return out + utf16(name) + value;
 }
 
-// UEFI_IMAGE_LOAD_EVENT: location, length and link-time address of the
-// image, then the device path: a media file-path node and the end node.
 String imageLoadData(std::string_view filePath) {
-   String const path = utf16(filePath) + String(2, '\0');
-   String node{"\x04\x04", 2};
-   putLittleEndian(node, static_cast<std::uint16_t>(4 + path.size()));
-   node += path + String("\x7f\xff\x04\x00", 4);
+   // A hard drive node (partition 1, GPT), the file path node, the end.
+   String path{4, 1};
+   appendLittleEndian(path, 42, 2);
+   appendLittleEndian(path, 1, 4);
+   path += String(32, '\0');  // start, size, signature
+   path += {2, 2};             // GPT, with a GUID signature
+   String const name = utf16(filePath) + String(2, '\0');
+   path += {4, 4};
+   appendLittleEndian(path, 4 + name.size(), 2);
+   path += name + String("\x7f\xff\x04\x00", 4);
+
    String out;
-   putLittleEndian(out, std::uint64_t{0x7e1c3000});
-   putLittleEndian(out, std::uint64_t{0x1a2000});
-   putLittleEndian(out, std::uint64_t{0});
-   putLittleEndian(out, std::uint64_t{node.size()});
-   return out + node;
+   appendLittleEndian(out, 0x7d000000, 8);  // where the image was loaded
+   appendLittleEndian(out, 0x20000, 8);     // its length
+   appendLittleEndian(out, 0, 8);           // its link-time address
+   appendLittleEndian(out, path.size(), 8);
+   return out + path;
 }
 
 }  // namespace SentrelTest
