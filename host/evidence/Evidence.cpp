@@ -72,9 +72,13 @@ class Replayer {
          result_.baselineProblem = why;
       };
       if (!r.ok()) {
+         // The kernel shows the firmware's log only where securityfs is mounted.
+         String const hint = !o_.eventLog && r.error == ENOENT
+                                ? "mount securityfs if it is not: mount -t securityfs securityfs /sys/kernel/security"
+                                : Loom::openFailureHint(r.error);
          unknown(r.tooLarge ? file + " is larger than " + std::to_string(kMaxEventLogBytes >> 20) + " MiB"
                             : Loom::readFailure(file, r),
-                 Loom::openFailureHint(r.error));
+                 hint);
          return std::nullopt;
       }
       auto parsed = parseEventLog(r.text);
