@@ -68,7 +68,7 @@ class HashFloor {
 
 void BM_EventLogReplay(benchmark::State &state) {
    auto const events = static_cast<std::size_t>(state.range(0));
-   SentrelTest::LogSpec written;
+   SentrelTest::LogPlan written;
    written.banks = {kAlgSha1, kAlgSha256, kAlgSha384};
    written.startupLocality = 3;
    written.events = SentrelTest::firmwareEvents(events, 7);

@@ -15,10 +15,10 @@ int main(int argc, char **argv) {
       std::fprintf(stderr, "usage: %s FOLDER\n", argv[0]);
       return 2;
    }
-   auto const seed = [&](char const *name, LogSpec const &log) {
+   auto const seed = [&](char const *name, LogPlan const &log) {
       std::ofstream(std::string(argv[1]) + "/" + name, std::ios::binary) << writeEventLog(log);
    };
-   LogSpec log;
+   LogPlan log;
    log.events = firmwareEvents(12, 1);
    seed("sha1-sha256", log);
    log.banks = {kAlgSha1, kAlgSha256, kAlgSha384, kAlgSha512};
@@ -30,7 +30,7 @@ int main(int argc, char **argv) {
    log.startupLocality.reset();
    log.events = firmwareEvents(8, 3);
    seed("sm3-and-an-unknown-algorithm", log);
-   log = LogSpec{};
+   log = LogPlan{};
    log.format = EventLogFormat::Sha1;
    log.events = firmwareEvents(12, 4);
    seed("sha1-layout", log);

@@ -11,8 +11,8 @@ using namespace SentrelEvidence;
 
 namespace {
 
-LogSpec logOf(EventLogFormat format, std::vector<std::uint16_t> banks, std::size_t events, std::uint32_t seed = 1) {
-   LogSpec log;
+LogPlan logOf(EventLogFormat format, std::vector<std::uint16_t> banks, std::size_t events, std::uint32_t seed = 1) {
+   LogPlan log;
    log.format = format;
    log.banks = std::move(banks);
    log.events = firmwareEvents(events, seed);
@@ -52,7 +52,7 @@ TEST(EventLogParse, ReadsBothLayoutsEveryBankAndTheHeaderAsEventZero) {
    withLocality.startupLocality = 3;
    struct Case {
       char const *name;
-      LogSpec log;
+      LogPlan log;
       std::size_t headerEvents;  // before the log's own events
    };
    Case const cases[] = {
@@ -165,7 +165,7 @@ TEST(EventLogParse, NamesWhereEveryMalformedLogGoesWrong) {
 }
 
 TEST(EventLogReplay, EqualsTheIndependentReplayOfGeneratedLogs) {
-   std::vector<LogSpec> logs{
+   std::vector<LogPlan> logs{
       logOf(EventLogFormat::CryptoAgile, {kAlgSha256}, 40, 2),
       logOf(EventLogFormat::CryptoAgile, {kAlgSha1, kAlgSha256, kAlgSha384, kAlgSha512, kAlgSm3_256}, 120, 3),
       logOf(EventLogFormat::Sha1, {}, 60, 4),
@@ -233,7 +233,7 @@ TEST(EventLogDifferential, ReplayEqualsTpm2Eventlog) {
       if (dot != end) std::from_chars(dot + 1, end, minor);
    }
    bool const fixedNoActionReplay = major > 5 || (major == 5 && minor >= 5);
-   std::vector<LogSpec> logs{
+   std::vector<LogPlan> logs{
       logOf(EventLogFormat::CryptoAgile, {kAlgSha256}, 200, 11),
       logOf(EventLogFormat::CryptoAgile, {kAlgSha1, kAlgSha256, kAlgSha384, kAlgSha512}, 300, 12),
       logOf(EventLogFormat::CryptoAgile, {kAlgSha384, kAlgSha1}, 150, 13),

@@ -41,7 +41,7 @@ String eventDigest(LogEvent const &e, std::uint16_t algorithm) {
    return given != e.digests.end() ? given->second : hashOf(algorithm, e.data);
 }
 
-std::vector<std::uint16_t> banksOf(LogSpec const &log) {
+std::vector<std::uint16_t> banksOf(LogPlan const &log) {
    return log.format == EventLogFormat::CryptoAgile ? log.banks : std::vector<std::uint16_t>{kAlgSha1};
 }
 
@@ -57,7 +57,7 @@ void putSha1Event(String &out, std::uint32_t pcr, std::uint32_t type, String con
 // TCG_EfiSpecIDEvent: signature, platform class 0, version 2.0 errata 0,
 // 64-bit UINTN, the algorithms and their digest sizes, no vendor information.
 String agileHeaderData(std::vector<std::pair<std::uint16_t, std::uint16_t>> const &algorithms) {
-   String out("Spec ID Event03", 16);
+   String out(SentrelEvidence::kCryptoAgileSignature);
    putLittleEndian(out, std::uint32_t{0});
    out += String("\x00\x02\x00\x02", 4);
    putLittleEndian(out, static_cast<std::uint32_t>(algorithms.size()));
@@ -71,7 +71,7 @@ String agileHeaderData(std::vector<std::pair<std::uint16_t, std::uint16_t>> cons
 
 }  // namespace
 
-String writeEventLog(LogSpec const &log) {
+String writeEventLog(LogPlan const &log) {
    String out;
    bool const agile = log.format == EventLogFormat::CryptoAgile;
    // Every algorithm of the header, in its order: the unknown ones first.
@@ -100,7 +100,7 @@ String writeEventLog(LogSpec const &log) {
    return out;
 }
 
-std::map<std::pair<std::uint16_t, std::uint32_t>, String> replayedPcrs(LogSpec const &log) {
+std::map<std::pair<std::uint16_t, std::uint32_t>, String> replayedPcrs(LogPlan const &log) {
    std::map<std::pair<std::uint16_t, std::uint32_t>, String> pcrs;
    for (auto const &e : log.events) {
       if (e.type == EV_NO_ACTION) continue;

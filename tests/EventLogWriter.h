@@ -24,7 +24,7 @@ struct LogEvent {
    std::map<std::uint16_t, String> digests;
 };
 
-struct LogSpec {
+struct LogPlan {
    EventLogFormat format = EventLogFormat::CryptoAgile;
    std::vector<std::uint16_t> banks{SentrelEvidence::kAlgSha1, SentrelEvidence::kAlgSha256};
    // Algorithms the header declares that no one knows (id, digest size):
@@ -34,12 +34,12 @@ struct LogSpec {
    std::vector<LogEvent> events;
 };
 
-// The log's bytes: for the crypto-agile layout the "Spec ID Event03" header,
+// The log's bytes: for the crypto-agile layout the header event,
 // then the StartupLocality event when there is one, then the events.
-String writeEventLog(LogSpec const &spec);
+String writeEventLog(LogPlan const &plan);
 
 // The values the log's PCRs replay to, raw, by (algorithm, PCR index).
-std::map<std::pair<std::uint16_t, std::uint32_t>, String> replayedPcrs(LogSpec const &spec);
+std::map<std::pair<std::uint16_t, std::uint32_t>, String> replayedPcrs(LogPlan const &plan);
 
 // Event data as firmware writes it.
 String utf16(std::string_view ascii);

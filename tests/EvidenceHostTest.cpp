@@ -16,8 +16,8 @@ char const kLog[] = "root/sys/kernel/security/tpm0/binary_bios_measurements";
 
 // A firmware's boot: the CRTM, a boot variable, the boot application and
 // secure boot's configuration, then the separators.
-LogSpec boot(String const &bootApplication = "\\EFI\\BOOT\\BOOTX64.EFI", String const &bootOrder = "\x01") {
-   LogSpec s;
+LogPlan boot(String const &bootApplication = "\\EFI\\BOOT\\BOOTX64.EFI", String const &bootOrder = "\x01") {
+   LogPlan s;
    s.startupLocality = 3;
    s.events = {{0, EV_S_CRTM_VERSION, utf16("1.07"), {}},
                {1, EV_EFI_VARIABLE_BOOT, uefiVariableData("BootOrder", bootOrder), {}},
@@ -29,11 +29,11 @@ LogSpec boot(String const &bootApplication = "\\EFI\\BOOT\\BOOTX64.EFI", String 
 
 struct Switch {
    FakeSwitch host;
-   // The switch's TPM holds what `spec` replays to, in sysfs.
-   explicit Switch(LogSpec const &spec) {
+   // The switch's TPM holds what `plan` replays to, in sysfs.
+   explicit Switch(LogPlan const &plan) {
       host.sw.file("root/sys/class/tpm/tpm0/tpm_version_major", "2\n");
-      host.sw.file(kLog, writeEventLog(spec));
-      for (auto const &[key, value] : replayedPcrs(spec)) pcr(tpmAlgorithm(key.first)->name, key.second, value);
+      host.sw.file(kLog, writeEventLog(plan));
+      for (auto const &[key, value] : replayedPcrs(plan)) pcr(tpmAlgorithm(key.first)->name, key.second, value);
    }
    void pcr(std::string_view bank, std::uint32_t index, String const &value) const {
       host.sw.file("root/sys/class/tpm/tpm0/pcr-" + String(bank) + "/" + std::to_string(index), hex(value) + "\n");
@@ -159,7 +159,7 @@ TEST(EvidenceHost, TheFleetBaselineNamesTheFirstEventThatDiffers) {
    dir.file("baseline.json", text);
    struct Row {
       char const *name;
-      LogSpec machine;
+      LogPlan machine;
       Strings differences;
    };
    Row const rows[] = {

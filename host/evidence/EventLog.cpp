@@ -8,9 +8,7 @@ namespace SentrelEvidence {
 
 namespace {
 
-// The first 16 bytes of the data of the crypto-agile header event and of a
-// StartupLocality event, NUL included.
-constexpr std::string_view kAgileSignature{"Spec ID Event03", 16};
+// The first 16 bytes of the data of a StartupLocality event, NUL included.
 constexpr std::string_view kStartupLocalitySignature{"StartupLocality", 16};
 constexpr std::size_t kSha1Size = 20;
 
@@ -166,7 +164,7 @@ class Parser {
    bool header() {
       Event const &e = log_.events.front();
       std::string_view d = e.data;
-      if (e.type != EV_NO_ACTION || !d.starts_with(kAgileSignature)) {
+      if (e.type != EV_NO_ACTION || !d.starts_with(kCryptoAgileSignature)) {
          log_.algorithms = {kAlgSha1};
          return true;
       }

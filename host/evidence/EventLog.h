@@ -50,6 +50,11 @@ inline constexpr std::uint32_t EV_EFI_VARIABLE_AUTHORITY = 0x800000E0;
 
 enum class EventLogFormat { CryptoAgile, Sha1 };
 
+// The first 16 bytes of the crypto-agile header event's data, NUL included,
+// spelled as the bytes they are.
+inline constexpr std::string_view kCryptoAgileSignature{
+   "\x53\x70\x65\x63\x20\x49\x44\x20\x45\x76\x65\x6e\x74\x30\x33", 16};
+
 struct Digest {
    std::uint16_t algorithm;
    String bytes;  // raw, the algorithm's digest size
