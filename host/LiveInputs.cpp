@@ -189,7 +189,7 @@ class Reader {
                  "measured boot state (bit 5) unknown: " + Loom::readFailure(kTpmVersion, version),
                  Loom::openFailureHint(version.error));
       } else {
-         tpm2 = version.text.substr(0, version.text.find_first_of(" \t\r\n")) == "2";
+         tpm2 = tpm2Present();
          if (tpm2) eventLog(flags);
       }
       banks(tpm2);
@@ -285,5 +285,10 @@ class Reader {
 }  // namespace
 
 void readLiveInputs(Ledger::EntityManager &em) { Reader(em).read(); }
+
+bool tpm2Present() {
+   Loom::FileText const version = Loom::readSystemFile(kTpmVersion, 64);
+   return version.ok() && version.text.substr(0, version.text.find_first_of(" \t\r\n")) == "2";
+}
 
 }  // namespace SentrelHost

@@ -14,4 +14,7 @@ inline constexpr char kDefaultsFile[] = "/etc/sentrel/defaults.json";
 // and the byte offset.
 void readLiveInputs(Ledger::EntityManager &em);
 
+// Whether the machine has a TPM 2.0 (below the system root).
+bool tpm2Present();
+
 }  // namespace SentrelHost

@@ -20,8 +20,6 @@ namespace {
 using Evidence = Sentrel::MeasuredBootEvidence;
 using A = Evidence::Attr;
 
-char const kTpmVersion[] = "/sys/class/tpm/tpm0/tpm_version_major";
-
 Loom::LogDescriptor const kWarningDesc{"MEASUREDBOOT_EVIDENCE_WARNING", "%s",
                                        "The TPM's PCRs do not bear out the firmware's event log, or the log differs "
                                        "from the fleet's baseline for this model.",
@@ -38,11 +36,6 @@ void warn(String const &text) { Loom::log(warningHandle(), text); }
 String bankName(std::uint16_t alg) {
    auto const *a = tpmAlgorithm(alg);
    return a ? String(a->name) : "0x" + std::to_string(alg);
-}
-
-bool tpm2() {
-   auto const v = Loom::readSystemFile(kTpmVersion, 64);
-   return v.ok() && v.text.substr(0, v.text.find_first_of(" \t\r\n")) == "2";
 }
 
 class Replayer {
@@ -184,12 +177,6 @@ class Replayer {
 EvidenceResult measuredBootEvidence(Ledger::EntityManager &em, EvidenceOptions const &options) {
    EvidenceResult result;
    auto const *entry = Sentrel::stateTreeEntryOf(Evidence::typeInfo());
-   if (!options.eventLog && !tpm2()) {
-      // No TPM 2.0: no evidence to weigh, which the inputs already say.
-      em.entityDel(entry->path);
-      result.baselineProblem = "this machine has no TPM 2.0 and no --event-log was given";
-      return result;
-   }
    auto const entity = Loom::ptrCast<Evidence>(Sentrel::stateTreeNew(*entry));
    em.entityIs(entry->path, entity);
    Replayer(*entity, options, result).run();

@@ -28,8 +28,8 @@ struct EvidenceResult {
    String baselineProblem;
 };
 
-// Publishes the evidence in `em`: absent without a TPM 2.0 (unless a
-// collected log is given); each fact known, or unknown with its reason
+// Publishes the evidence in `em` (the caller has made sure there is a TPM
+// 2.0 or a collected log to replay): each fact known, or unknown with its reason
 // through the reason sink; a warning to the system log for every mismatched
 // PCR, unextended bank and difference from the baseline.
 EvidenceResult measuredBootEvidence(Ledger::EntityManager &em, EvidenceOptions const &options);
