@@ -8,4 +8,5 @@ sentrel="${SENTREL:-$here/../build/bin/sentrel}"
 cd "$here/switch"
 # SENTREL_WRAPPER runs the host under another program (valgrind, say).
 PATH="$here/switch/$variant/bin:$PATH" exec ${SENTREL_WRAPPER:-} "$sentrel" --state state.json --sysroot "$variant/root" \
-  --toggles toggles --script script.txt --no-syslog "$@"
+  --toggles toggles --script script.txt --no-syslog --event-log tpm/binary_bios_measurements \
+  --baseline tpm/baseline.json "$@"
