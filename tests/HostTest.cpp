@@ -47,7 +47,7 @@ TEST(SampleSwitch, ShowsEveryKindOfWarningOnIntelAndAmd) {
       std::set<String> kinds;
       for (auto const &l : d["log"].GetArray()) kinds.insert(l["name"].GetString());
       EXPECT_EQ(kinds, (std::set<String>{"TARN_DEPRECATION_WARNING", "MEASUREDBOOT_PCR_CONFIG_WARNING",
-                                         "SENTREL_WARNING"}));
+                                         "SENTREL_WARNING", "MEASUREDBOOT_EVIDENCE_WARNING"}));
       EXPECT_TRUE(d["entities"]["sentrel/firstInstructionSecurity"]["systemFused"].GetBool());
    }
 }
