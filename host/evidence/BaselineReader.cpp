@@ -1,0 +1,298 @@
+#include "host/evidence/Baseline.h"
+
+#include <algorithm>
+#include <optional>
+
+#include "Sentrel/platform/Json.h"
+#include "host/evidence/EventNames.h"
+
+// The fleet's baseline file read back: a SAX pass over the JSON that keeps
+// byte offsets for its problems.
+namespace SentrelEvidence {
+
+namespace {
+
+// The bytes that hex text (either case) stands for; none when it is not hex.
+std::optional<String> fromHex(std::string_view hex) {
+   auto const value = [](char c) {
+      if (c >= '0' && c <= '9') return c - '0';
+      if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+      return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+   };
+   if (hex.size() % 2 != 0) return std::nullopt;
+   String bytes(hex.size() / 2, '\0');
+   for (std::size_t i = 0; i < bytes.size(); ++i) {
+      int const high = value(hex[2 * i]), low = value(hex[2 * i + 1]);
+      if (high < 0 || low < 0) return std::nullopt;
+      bytes[i] = static_cast<char>(high << 4 | low);
+   }
+   return bytes;
+}
+
+String lowerCase(std::string_view s) {
+   String out(s);
+   for (char &c : out) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+   return out;
+}
+
+// CEL's own number of the PC Client content type, for a file that gives numbers.
+constexpr std::uint64_t kPcClientContentType = 5;
+
+
+struct PendingDigest {
+   std::size_t offset = 0;
+   bool named = false;
+   TpmAlgorithm const *algorithm = nullptr;  // null for one we do not know
+   std::optional<String> hex{};
+   std::size_t hexOffset = 0;
+};
+
+struct PendingRecord {
+   std::size_t index = 0;
+   std::size_t offset = 0;
+   std::optional<std::uint64_t> recnum{};
+   std::optional<std::uint32_t> pcr{};
+   std::optional<std::vector<Digest>> digests{};
+   std::optional<bool> pcClient{};  // from content_type
+   std::optional<std::size_t> contentOffset{};
+   bool contentIsObject = false;
+   std::optional<std::uint32_t> type{};
+   std::optional<String> data{};
+   bool machineUnique = false;
+};
+
+// Reads the records in one pass over the text, keeping what a record says
+// until its end, where it is checked whole: members come in any order.
+class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, BaselineReader> {
+ public:
+   // The reader does not copy a memory stream, as it does a string stream:
+   // the handler sees where the reader is.
+   BaselineReader(std::string_view text, rapidjson::MemoryStream const &stream) : text_(text), stream_(stream) {}
+
+   bool Default() { return value({}); }
+   bool Bool(bool b) { return value({.kind = Kind::Bool, .flag = b}); }
+   bool Uint(unsigned n) { return Uint64(n); }
+   bool Uint64(std::uint64_t n) { return value({.kind = Kind::Number, .number = n}); }
+   bool String(char const *s, rapidjson::SizeType len, bool) { return value({.kind = Kind::Text, .text = {s, len}}); }
+   bool Key(char const *s, rapidjson::SizeType len, bool) {
+      key_.assign(s, len);
+      start();
+      return true;
+   }
+   bool StartObject() { return value({.kind = Kind::Object}); }
+   bool StartArray() { return value({.kind = Kind::Array}); }
+   bool EndObject(rapidjson::SizeType) { return close(); }
+   bool EndArray(rapidjson::SizeType) { return close(); }
+
+   Baseline records;
+   std::optional<EventLogProblem> problem;
+
+ private:
+   enum class Kind { Other, Bool, Number, Text, Object, Array };
+   struct Value {
+      Kind kind = Kind::Other;
+      std::uint64_t number = 0;
+      bool flag = false;
+      std::string_view text{};
+      std::size_t offset = 0;
+   };
+   // What the reader is inside of.
+   enum class Where { Records, Record, Digests, Digest, Content, Other };
+
+   // Where the value of the event starts: the first character after the
+   // previous event that is not blank, comma or colon. The reader reports a
+   // bracket before it takes it, so a bracket's event ends just past it.
+   std::size_t start(bool bracket = false) {
+      std::size_t const i = std::min(text_.find_first_not_of(" \t\r\n,:", last_), text_.size());
+      last_ = bracket ? i + 1 : stream_.Tell();
+      return i;
+   }
+
+   bool value(Value v) {
+      v.offset = start(v.kind == Kind::Object || v.kind == Kind::Array);
+      if (where_.empty()) {
+         return v.kind == Kind::Array ? open(Where::Records, v) : fail(v.offset, "a baseline is an array of records");
+      }
+      switch (where_.back()) {
+         case Where::Records: return record(v);
+         case Where::Record: return recordMember(v);
+         case Where::Digests: return digest(v);
+         case Where::Digest: return digestMember(v);
+         case Where::Content: return contentMember(v);
+         case Where::Other: break;
+      }
+      return other(v);
+   }
+
+   bool open(Where w, Value const &v) {
+      if (where_.size() >= Loom::kMaxJsonDepth) {
+         return fail(v.offset, "nested deeper than " + std::to_string(Loom::kMaxJsonDepth) + " levels");
+      }
+      where_.push_back(w);
+      return true;
+   }
+   // A value we do not read: an array or object is walked through all the same.
+   bool other(Value const &v) {
+      return v.kind == Kind::Object || v.kind == Kind::Array ? open(Where::Other, v) : true;
+   }
+   bool close() {
+      start(true);
+      Where const w = where_.back();
+      where_.pop_back();
+      if (w == Where::Digest) return endDigest();
+      if (w == Where::Record) return endRecord();
+      return true;
+   }
+
+   bool fail(std::size_t offset, Loom::String what) {
+      problem = EventLogProblem{offset, std::move(what)};
+      return false;
+   }
+   Loom::String recordName() const { return "record " + std::to_string(record_.index); }
+   bool wrongType(Value const &v, char const *expected) {
+      return fail(v.offset, recordName() + ": \"" + key_ + "\" is not " + expected);
+   }
+
+   bool record(Value const &v) {
+      if (v.kind != Kind::Object) return fail(v.offset, "record " + std::to_string(recordsSeen_) + " is not an object");
+      if (recordsSeen_ == kMaxEvents) return fail(v.offset, "more than " + std::to_string(kMaxEvents) + " records");
+      record_ = PendingRecord{.index = recordsSeen_++, .offset = v.offset};
+      return open(Where::Record, v);
+   }
+
+   bool recordMember(Value const &v) {
+      if (key_ == "recnum") {
+         if (v.kind != Kind::Number) return wrongType(v, "a number");
+         record_.recnum = v.number;
+      } else if (key_ == "pcr") {
+         if (v.kind != Kind::Number || v.number > UINT32_MAX) return wrongType(v, "a PCR index");
+         record_.pcr = static_cast<std::uint32_t>(v.number);
+      } else if (key_ == "digests") {
+         if (v.kind != Kind::Array) return wrongType(v, "an array");
+         record_.digests.emplace();
+         return open(Where::Digests, v);
+      } else if (key_ == "content_type") {
+         if (v.kind == Kind::Text) {
+            record_.pcClient = lowerCase(v.text) == "pcclient_std";
+         } else if (v.kind == Kind::Number) {
+            record_.pcClient = v.number == kPcClientContentType;
+         } else {
+            return wrongType(v, "a name or a number");
+         }
+      } else if (key_ == "content") {
+         // Checked at the record's end: only PC Client content must be an object.
+         record_.contentOffset = v.offset;
+         record_.contentIsObject = v.kind == Kind::Object;
+         if (record_.contentIsObject) return open(Where::Content, v);
+      } else if (key_ == "machine_unique") {
+         if (v.kind != Kind::Bool) return wrongType(v, "true or false");
+         record_.machineUnique = v.flag;
+      }
+      return other(v);
+   }
+
+   bool digest(Value const &v) {
+      if (v.kind != Kind::Object) return fail(v.offset, recordName() + ": a digest is not an object");
+      digest_ = PendingDigest{.offset = v.offset};
+      return open(Where::Digest, v);
+   }
+
+   bool digestMember(Value const &v) {
+      if (key_ == "hashAlg") {
+         if (v.kind == Kind::Text) {
+            digest_.algorithm = tpmAlgorithm(lowerCase(v.text));
+         } else if (v.kind == Kind::Number) {
+            digest_.algorithm = v.number <= UINT16_MAX ? tpmAlgorithm(static_cast<std::uint16_t>(v.number)) : nullptr;
+         } else {
+            return wrongType(v, "a name or a number");
+         }
+         digest_.named = true;
+      } else if (key_ == "digest") {
+         if (v.kind != Kind::Text) return wrongType(v, "a string");
+         digest_.hex = Loom::String(v.text);
+         digest_.hexOffset = v.offset;
+      }
+      return other(v);
+   }
+
+   bool endDigest() {
+      if (!digest_.named) return fail(digest_.offset, recordName() + ": a digest has no \"hashAlg\"");
+      if (!digest_.hex) return fail(digest_.offset, recordName() + ": a digest has no \"digest\"");
+      TpmAlgorithm const *a = digest_.algorithm;
+      if (!a) return true;  // an algorithm we do not know, kept out
+      auto bytes = fromHex(*digest_.hex);
+      if (!bytes || bytes->size() != a->digestSize) {
+         return fail(digest_.hexOffset, recordName() + ": the " + Loom::String(a->name) + " digest is not " +
+                                           std::to_string(2 * a->digestSize) + " hex digits");
+      }
+      auto &digests = *record_.digests;
+      if (std::ranges::any_of(digests, [&](Digest const &d) { return d.algorithm == a->id; })) {
+         return fail(digest_.offset, recordName() + ": a second " + Loom::String(a->name) + " digest");
+      }
+      digests.push_back({a->id, std::move(*bytes)});
+      return true;
+   }
+
+   bool contentMember(Value const &v) {
+      if (key_ == "event_type") {
+         if (v.kind == Kind::Number && v.number <= UINT32_MAX) {
+            record_.type = static_cast<std::uint32_t>(v.number);
+         } else if (v.kind == Kind::Text && eventType(v.text)) {
+            record_.type = eventType(v.text);
+         } else {
+            return wrongType(v, "an event type");
+         }
+      } else if (key_ == "event_data") {
+         auto bytes = v.kind == Kind::Text ? fromHex(v.text) : std::nullopt;
+         if (!bytes) return wrongType(v, "hex");
+         record_.data = std::move(bytes);
+      }
+      return other(v);
+   }
+
+   bool endRecord() {
+      PendingRecord &r = record_;
+      auto const missing = [&](std::size_t offset, char const *member) {
+         return fail(offset, recordName() + ": no \"" + member + "\"");
+      };
+      if (!r.pcClient) return missing(r.offset, "content_type");
+      if (!*r.pcClient) return true;  // a record of another kind of content
+      if (!r.recnum) return missing(r.offset, "recnum");
+      if (!r.pcr) return missing(r.offset, "pcr");
+      if (!r.digests) return missing(r.offset, "digests");
+      if (!r.contentOffset) return missing(r.offset, "content");
+      if (!r.contentIsObject) return fail(*r.contentOffset, recordName() + ": \"content\" is not an object");
+      if (!r.type) return missing(*r.contentOffset, "event_type");
+      if (!r.data) return missing(*r.contentOffset, "event_data");
+      records.push_back({static_cast<std::size_t>(*r.recnum), *r.pcr, *r.type, std::move(*r.digests),
+                         std::move(*r.data), r.machineUnique});
+      return true;
+   }
+
+   std::string_view text_;
+   rapidjson::MemoryStream const &stream_;
+   std::size_t last_ = 0;
+   std::vector<Where> where_;
+   Loom::String key_;
+   std::size_t recordsSeen_ = 0;
+   PendingRecord record_;
+   PendingDigest digest_;
+};
+
+}  // namespace
+
+std::variant<Baseline, EventLogProblem> parseBaseline(std::string_view json) {
+   if (auto const nul = json.find('\0'); nul != std::string_view::npos) {
+      return EventLogProblem{nul, "a NUL byte is not JSON"};
+   }
+   rapidjson::MemoryStream stream(json.data(), json.size());
+   BaselineReader reader(json, stream);
+   rapidjson::Reader parser;
+   auto const result =
+      parser.Parse<rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag>(stream, reader);
+   if (reader.problem) return std::move(*reader.problem);
+   if (result.IsError()) return EventLogProblem{result.Offset(), rapidjson::GetParseError_En(result.Code())};
+   return std::move(reader.records);
+}
+
+}  // namespace SentrelEvidence
