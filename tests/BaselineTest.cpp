@@ -79,6 +79,7 @@ TEST(Baseline, AMalformedBaselineIsAProblemAtItsOffset) {
            {"[1, " + record + "]", "1", "record 0 is not an object"},
            {with(R"("pcr": 7)", R"("pcr": "7")"), R"("7")", R"(record 0: "pcr" is not a PCR index)"},
            {with(R"("pcr": 7)", R"("pcr": 4294967296)"), "4294967296", R"(record 0: "pcr" is not a PCR index)"},
+           {with(R"("recnum": 4)", R"("recnum": 1.5)"), "1.5", R"(record 0: "recnum" is not a number)"},
            {with(R"("pcr": 7, )", ""), "{", R"(record 0: no "pcr")"},
            {with(R"("content_type": "pcclient_std",)", ""), "{", R"(record 0: no "content_type")"},
            {"[" + record + R"(, {"recnum": 5, "pcr": 7, "content_type": "pcclient_std", "content": {}}])",

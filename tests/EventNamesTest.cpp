@@ -15,8 +15,8 @@ String littleEndian(std::uint64_t n, std::size_t size) {
 }
 
 // A UEFI_VARIABLE_DATA whose lengths say what the test wants, whatever follows.
-String variableData(std::uint64_t nameChars, String const &rest) {
-   return String(16, '\x11') + littleEndian(nameChars, 8) + littleEndian(0, 8) + rest;
+String variableData(std::uint64_t nameChars, std::uint64_t valueLength, String const &rest) {
+   return String(16, '\x11') + littleEndian(nameChars, 8) + littleEndian(valueLength, 8) + rest;
 }
 
 // Device path nodes, and a UEFI_IMAGE_LOAD_EVENT around a device path.
@@ -53,7 +53,7 @@ TEST(EventNames, ComponentIsWhatTheEventSaysItMeasuredAndNothingWhenItsDataIsMal
            {"a boot variable", EV_EFI_VARIABLE_BOOT, uefiVariableData("Boot0001", String(60, 'x')), "Boot0001"},
            {"a boot variable, second form", 0x8000000C, uefiVariableData("BootOrder", "\x01"), "BootOrder"},
            {"past the BMP, a lone surrogate", EV_EFI_VARIABLE_AUTHORITY,
-            variableData(4, String("\x3d\xd8\x00\xde\x3d\xd8" "A\0", 8)), "\xf0\x9f\x98\x80\xef\xbf\xbd" "A"},
+            variableData(4, 0, String("\x3d\xd8\x00\xde\x3d\xd8" "A\0", 8)), "\xf0\x9f\x98\x80\xef\xbf\xbd" "A"},
            {"a path in two nodes", app, imageData(node(4, 1, String(38, '\0')) + fileNode("\\EFI\\debian") +
                                                   fileNode("shimx64.efi") + kEnd), "\\EFI\\debian\\shimx64.efi"},
            {"a volume's file", driver, imageData(fvFile + kEnd), "FvFile(12345678-9abc-def0-0102-030405060708)"},
@@ -66,13 +66,14 @@ TEST(EventNames, ComponentIsWhatTheEventSaysItMeasuredAndNothingWhenItsDataIsMal
            {"a long text", EV_ACTION, String(255, 'a') + String(9, '\xff'), String(255, 'a') + "..."},
            {"text with bytes after its NUL", EV_EFI_ACTION, String("Exit\0junk", 9), ""},
            {"variable data shorter than its header", EV_EFI_VARIABLE_BOOT, String(31, '\0'), ""},
-           {"a name past the data", EV_EFI_VARIABLE_BOOT, variableData(5, utf16("Boot")), ""},
-           {"a name length that overflows", EV_EFI_VARIABLE_BOOT, variableData((1ULL << 63) + 1, utf16("A")), ""},
+           {"a name past the data", EV_EFI_VARIABLE_BOOT, variableData(5, 0, utf16("Boot")), ""},
+           {"a name length that overflows", EV_EFI_VARIABLE_BOOT, variableData((1ULL << 63) + 1, 0, utf16("A")), ""},
+           {"a value past the data", EV_EFI_VARIABLE_BOOT, variableData(2, 3, utf16("db") + "ab"), ""},
            {"image data shorter than its header", app, String(31, '\0'), ""},
            {"a device path past the data", app, imageData(fileNode("\\a.efi") + kEnd).replace(24, 1, 1, '\x21'), ""},
            {"a node of length 0", app, imageData(fileNode("\\a.efi") + String{4, 4, 0, 0} + kEnd), ""},
-           {"a node past the end of the path", app, imageData(fileNode("\\a.efi") + String{4, 4, 0x40, 0}), ""},
-           {"a node shorter than its header", app, imageData(String{4, 4, 4}), ""},
+           // The data goes on past the path, to an end node where the node's length would take it.
+           {"a node past the path", app, imageData(fileNode("\\a") + String{4, 4, 24, 0}) + String(20, 0) + kEnd, ""},
         }) {
       EXPECT_EQ(eventComponent(Event{7, 0, 4, type, {}, data}), text) << what;
    }
