@@ -20,7 +20,7 @@ struct LogEvent {
    std::uint32_t type = 0;
    String data;
    // Digests by algorithm id; an algorithm of the log not given here gets
-   // the hash of `data`.
+   // the hash of `data`, or zeros for EV_NO_ACTION as firmware writes them.
    std::map<std::uint16_t, String> digests;
 };
 
