@@ -67,8 +67,8 @@ TEST(EventLog, ReadsAndReplaysWhatTheWriterWrote) {
 // Every problem names the byte where its event starts, and the field at fault.
 TEST(EventLog, NamesWhereAMalformedLogGoesWrong) {
    String const good = writeEventLog({.events = firmwareEvents(4, 1)});  // sha1 and sha256
-   std::size_t const e2 = parsed(good).events[2].offset;  // count at +8, sha256 at +34, size at +68
-   std::size_t const header = 32;                         // where event 0's data starts
+   std::size_t const e2 = parsed(good).events.at(2).offset;  // count at +8, sha256 at +34, size at +68
+   std::size_t const header = 32;                            // where event 0's data starts
    auto const cut = [&](std::size_t n) { return good.substr(0, n); };
    auto const at = [](std::size_t n) { return " at byte " + std::to_string(n); };
    // Its event 0 StartupLocality, its event 1 at byte 49.
@@ -94,8 +94,8 @@ TEST(EventLog, NamesWhereAMalformedLogGoesWrong) {
       {"vendor information past the data", patched(good, header + 36, std::uint8_t{9}), 0, "inside its vendor"},
       {"digest count unlike the header's", patched(good, e2 + 8, std::uint32_t{1}), e2,
        "its digest count 1" + at(e2 + 8) + " differs from the header's 2"},
-      {"an undeclared algorithm", patched(good, e2 + 12, kAlgSha384), e2,
-       "its algorithm sha384" + at(e2 + 12) + " is not one the header declares"},
+      {"an undeclared algorithm, below a declared one", patched(good, e2 + 12, std::uint16_t{5}), e2,
+       "its algorithm 0x5" + at(e2 + 12) + " is not one the header declares"},
       {"an algorithm twice", patched(good, e2 + 34, kAlgSha1), e2, "algorithm sha1" + at(e2 + 34) + " appears twice"},
       {"StartupLocality without its byte", patched(sha1Layout, 28, std::uint32_t{16}), 0,
        "its StartupLocality data ends before the locality byte"},
