@@ -43,8 +43,9 @@ TEST(EventLog, ReadsAndReplaysWhatTheWriterWrote) {
    logs[0].events.push_back({0x12345678, EV_POST_CODE, "a PCR no TPM has", {}});
    logs[0].events.push_back({5, EV_NO_ACTION, "not extended", {}});
    for (auto const &plan : logs) {
-      auto const log = parsed(writeEventLog(plan));
       bool const agile = plan.format == EventLogFormat::CryptoAgile;
+      SCOPED_TRACE(agile ? "crypto-agile" : "SHA-1 layout");
+      auto const log = parsed(writeEventLog(plan));
       EXPECT_EQ(log.format, plan.format);
       EXPECT_EQ(log.algorithms, agile ? plan.banks : std::vector<std::uint16_t>{kAlgSha1});
       EXPECT_EQ(log.startupLocality, plan.startupLocality);
