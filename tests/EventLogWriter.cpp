@@ -22,6 +22,7 @@ EVP_MD const *digestOf(std::uint16_t algorithm) {
    }
 }
 
+// Empty for an algorithm no one knows.
 String hashOf(std::uint16_t algorithm, String const &bytes) {
    unsigned char out[EVP_MAX_MD_SIZE];
    unsigned size = 0;
@@ -30,82 +31,67 @@ String hashOf(std::uint16_t algorithm, String const &bytes) {
    return String(reinterpret_cast<char const *>(out), size);
 }
 
-std::size_t sizeOf(std::uint16_t algorithm) {
-   auto const *md = digestOf(algorithm);
-   return md ? static_cast<std::size_t>(EVP_MD_get_size(md)) : 0;
-}
-
 // The algorithm's digest that an event carries.
 String eventDigest(LogEvent const &e, std::uint16_t algorithm) {
    auto const given = e.digests.find(algorithm);
-   return given != e.digests.end() ? given->second : hashOf(algorithm, e.data);
-}
-
-std::vector<std::uint16_t> banksOf(LogPlan const &log) {
-   return log.format == EventLogFormat::CryptoAgile ? log.banks : std::vector<std::uint16_t>{kAlgSha1};
-}
-
-// TCG_PCR_EVENT: every event of the SHA-1 layout and the crypto-agile header.
-void putSha1Event(String &out, std::uint32_t pcr, std::uint32_t type, String const &digest, String const &data) {
-   putLittleEndian(out, pcr);
-   putLittleEndian(out, type);
-   out += digest;
-   putLittleEndian(out, static_cast<std::uint32_t>(data.size()));
-   out += data;
-}
-
-// TCG_EfiSpecIDEvent: signature, platform class 0, version 2.0 errata 0,
-// 64-bit UINTN, the algorithms and their digest sizes, no vendor information.
-String agileHeaderData(std::vector<std::pair<std::uint16_t, std::uint16_t>> const &algorithms) {
-   String out(SentrelEvidence::kCryptoAgileSignature);
-   putLittleEndian(out, std::uint32_t{0});
-   out += String("\x00\x02\x00\x02", 4);
-   putLittleEndian(out, static_cast<std::uint32_t>(algorithms.size()));
-   for (auto const &[id, size] : algorithms) {
-      putLittleEndian(out, id);
-      putLittleEndian(out, size);
-   }
-   out += '\0';
-   return out;
+   if (given != e.digests.end()) return given->second;
+   String const hash = hashOf(algorithm, e.data);
+   return e.type == EV_NO_ACTION ? String(hash.size(), '\0') : hash;
 }
 
 }  // namespace
 
 String writeEventLog(LogPlan const &log) {
-   String out;
    bool const agile = log.format == EventLogFormat::CryptoAgile;
    // Every algorithm of the header, in its order: the unknown ones first.
    auto algorithms = log.unknownAlgorithms;
-   for (auto const id : log.banks) algorithms.emplace_back(id, static_cast<std::uint16_t>(sizeOf(id)));
-   if (agile) putSha1Event(out, 0, EV_NO_ACTION, String(20, '\0'), agileHeaderData(algorithms));
-   auto const put = [&](LogEvent const &e) {
-      if (!agile) return putSha1Event(out, e.pcr, e.type, eventDigest(e, kAlgSha1), e.data);
-      putLittleEndian(out, e.pcr);
-      putLittleEndian(out, e.type);
-      putLittleEndian(out, static_cast<std::uint32_t>(algorithms.size()));
-      for (auto const &[id, size] : algorithms) {
-         putLittleEndian(out, id);
-         bool const known = sizeOf(id) != 0;
-         out += known ? eventDigest(e, id) : String(size, '\0');
-      }
-      putLittleEndian(out, static_cast<std::uint32_t>(e.data.size()));
-      out += e.data;
+   for (auto const id : log.banks) algorithms.emplace_back(id, static_cast<std::uint16_t>(hashOf(id, {}).size()));
+   String out;
+   // Both layouts: PCR index, event type, the digests, the data's size, the data.
+   auto const put = [&](std::uint32_t pcr, std::uint32_t type, String const &digests, String const &data) {
+      putLittleEndian(out, pcr);
+      putLittleEndian(out, type);
+      out += digests;
+      putLittleEndian(out, static_cast<std::uint32_t>(data.size()));
+      out += data;
    };
-   if (log.startupLocality) {
-      LogEvent locality{0, EV_NO_ACTION, String("StartupLocality", 16) + static_cast<char>(*log.startupLocality), {}};
-      for (auto const id : banksOf(log)) locality.digests[id] = String(sizeOf(id), '\0');
-      put(locality);
+   if (agile) {
+      // The header, in the SHA-1 layout: signature, platform class 0, version
+      // 2.0 errata 0, 64-bit UINTN, the algorithms and their digest sizes, no
+      // vendor information.
+      String header = String(kCryptoAgileSignature) + String("\0\0\0\0\x00\x02\x00\x02", 8);
+      putLittleEndian(header, static_cast<std::uint32_t>(algorithms.size()));
+      for (auto const &[id, size] : algorithms) {
+         putLittleEndian(header, id);
+         putLittleEndian(header, size);
+      }
+      put(0, EV_NO_ACTION, String(20, '\0'), header + '\0');
    }
-   for (auto const &e : log.events) put(e);
+   auto events = log.events;
+   if (log.startupLocality) {
+      String const data = String("StartupLocality", 16) + static_cast<char>(*log.startupLocality);
+      events.insert(events.begin(), {0, EV_NO_ACTION, data, {}});
+   }
+   for (auto const &e : events) {
+      String digests;  // TPML_DIGEST_VALUES
+      putLittleEndian(digests, static_cast<std::uint32_t>(algorithms.size()));
+      for (auto const &[id, size] : algorithms) {
+         putLittleEndian(digests, id);
+         String const digest = eventDigest(e, id);
+         digests += digest.empty() ? String(size, '\0') : digest;
+      }
+      put(e.pcr, e.type, agile ? digests : eventDigest(e, kAlgSha1), e.data);
+   }
    return out;
 }
 
 std::map<std::pair<std::uint16_t, std::uint32_t>, String> replayedPcrs(LogPlan const &log) {
+   auto const banks = log.format == EventLogFormat::CryptoAgile ? log.banks : std::vector<std::uint16_t>{kAlgSha1};
    std::map<std::pair<std::uint16_t, std::uint32_t>, String> pcrs;
    for (auto const &e : log.events) {
       if (e.type == EV_NO_ACTION) continue;
-      for (auto const id : banksOf(log)) {
-         auto [at, fresh] = pcrs.try_emplace({id, e.pcr}, sizeOf(id), '\0');
+      for (auto const id : banks) {
+         auto [at, fresh] = pcrs.try_emplace({id, e.pcr}, hashOf(id, {}).size(), '\0');
          if (fresh && e.pcr == 0 && log.startupLocality) at->second.back() = static_cast<char>(*log.startupLocality);
          at->second = hashOf(id, at->second + eventDigest(e, id));
       }
@@ -132,19 +118,19 @@ std::vector<LogEvent> firmwareEvents(std::size_t count, std::uint32_t seed) {
             e = {upTo(2) ? 7u : 1u, EV_EFI_VARIABLE_DRIVER_CONFIG,
                  uefiVariableData(kVariables[upTo(std::size(kVariables))], text(10 + upTo(100))), {}};
             break;
-         case 3: {
+         case 3:
             // The digest of a boot application is its image's, not its data's.
             e = {4, EV_EFI_BOOT_SERVICES_APPLICATION, imageLoadData("\\EFI\\" + text(4 + upTo(40)) + ".EFI"), {}};
             for (auto const id : {kAlgSha1, kAlgSha256, kAlgSha384, kAlgSha512, kAlgSm3_256}) {
-               e.digests[id] = text(sizeOf(id));
+               e.digests[id] = text(hashOf(id, {}).size());
             }
             break;
-         }
          case 4: e = {5, EV_EFI_ACTION, "Calling EFI Application from Boot Option " + text(upTo(40)), {}}; break;
          case 5: e = {static_cast<std::uint32_t>(upTo(8)), EV_SEPARATOR, String(4, '\0'), {}}; break;
          case 6: e = {8, EV_IPL, "grub_cmd: linux /boot/vmlinuz root=" + text(20 + upTo(120)), {}}; break;
-         case 7: e = {static_cast<std::uint32_t>(2 + upTo(2)), EV_EFI_BOOT_SERVICES_DRIVER,
-                      imageLoadData("\\drivers\\" + text(8 + upTo(30)) + ".efi"), {}};
+         case 7:
+            e = {static_cast<std::uint32_t>(2 + upTo(2)), EV_EFI_BOOT_SERVICES_DRIVER,
+                 imageLoadData("\\drivers\\" + text(8 + upTo(30)) + ".efi"), {}};
             break;
          case 8: e = {9, EV_IPL, "/boot/initrd.img-" + text(30 + upTo(60)), {}}; break;
          default: e = {14, EV_IPL, "MokList" + text(40 + upTo(100)), {}}; break;
@@ -157,11 +143,37 @@ std::vector<LogEvent> firmwareEvents(std::size_t count, std::uint32_t seed) {
 String hex(String const &bytes) {
    static constexpr char kDigits[] = "0123456789abcdef";
    String out;
-   for (unsigned char const c : bytes) {
-      out += kDigits[c >> 4];
-      out += kDigits[c & 15];
-   }
+   for (unsigned char const c : bytes) out += {kDigits[c >> 4], kDigits[c & 15]};
    return out;
+}
+
+String utf16(std::string_view ascii) {
+   String out;
+   for (char c : ascii) out += {c, '\0'};
+   return out;
+}
+
+String uefiVariableData(std::string_view name, String const &value) {
+   // EFI_GLOBAL_VARIABLE, 8be4df61-93ca-11d2-aa0d-00e098032b8c, as it lies in memory.
+   String out("\x61\xdf\xe4\x8b\xca\x93\xd2\x11\xaa\x0d\x00\xe0\x98\x03\x2b\x8c", 16);
+   putLittleEndian(out, std::uint64_t{name.size()});
+   putLittleEndian(out, std::uint64_t{value.size()});
+   return out + utf16(name) + value;
+}
+
+String imageLoadData(std::string_view filePath) {
+   // A hard drive node of 42 bytes for partition 1, its start, size and
+   // signature zeros, GPT with a GUID signature; the file path node; the end.
+   String path = String{4, 1, 42, 0, 1, 0, 0, 0} + String(32, '\0') + String{2, 2, 4, 4};
+   String const name = utf16(filePath) + String(2, '\0');
+   putLittleEndian(path, static_cast<std::uint16_t>(4 + name.size()));
+   path += name + String("\x7f\xff\x04\x00", 4);
+   // Where the image was loaded, its length, its link-time address, then the path.
+   String out;
+   for (std::uint64_t const v : {std::uint64_t{0x7d000000}, std::uint64_t{0x20000}, std::uint64_t{0}, path.size()}) {
+      putLittleEndian(out, v);
+   }
+   return out + path;
 }
 
 }  // namespace SentrelTest

@@ -20,18 +20,20 @@ struct LogEvent {
    std::uint32_t type = 0;
    String data;
    // Digests by algorithm id; an algorithm of the log not given here gets
-   // the hash of `data`.
+   // the hash of `data`, or zeros for EV_NO_ACTION as firmware writes them.
    std::map<std::uint16_t, String> digests;
 };
 
+// Every member with a default, so that a designated initializer names only
+// what it sets.
 struct LogPlan {
    EventLogFormat format = EventLogFormat::CryptoAgile;
    std::vector<std::uint16_t> banks{SentrelEvidence::kAlgSha1, SentrelEvidence::kAlgSha256};
    // Algorithms the header declares that no one knows (id, digest size):
    // every event carries a digest of zeros for them.
-   std::vector<std::pair<std::uint16_t, std::uint16_t>> unknownAlgorithms;
-   std::optional<std::uint8_t> startupLocality;
-   std::vector<LogEvent> events;
+   std::vector<std::pair<std::uint16_t, std::uint16_t>> unknownAlgorithms{};
+   std::optional<std::uint8_t> startupLocality{};
+   std::vector<LogEvent> events{};
 };
 
 // The log's bytes: for the crypto-agile layout the header event,
