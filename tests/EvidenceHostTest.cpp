@@ -89,10 +89,7 @@ TEST(EvidenceHost, ReplaysTheLogAgainstEveryBankOfTheTpm) {
       {"a bank enabled but not in the log", [](Switch &s) { s.pcr("sha384", 0, String(48, '\0')); }, {},
        {"unextendedBank: sha384\n", "warning: PCR bank sha384 is enabled on the TPM but the firmware never extended it\n"}},
       {"a bank left at zero",
-       [](Switch &s) {
-          for (std::uint32_t i = 0; i < 8; ++i) s.pcr("sha1", i, String(20, '\0'));
-       },
-       {}, {"mismatchedPcr: sha1:0 sha1:1 sha1:2 sha1:3 sha1:4 sha1:5 sha1:6 sha1:7\nunextendedBank: sha1\n"}},
+       [](Switch &s) { for (std::uint32_t i = 0; i < 8; ++i) s.pcr("sha1", i, String(20, '\0')); }, {}, {"mismatchedPcr: sha1:0 sha1:1 sha1:2 sha1:3 sha1:4 sha1:5 sha1:6 sha1:7\nunextendedBank: sha1\n"}},
       {"a truncated log",
        [](Switch &s) { s.host.sw.file(kLog, slurp(s.host.sw.path() + "/" + kLog).substr(0, 300)); }, {},
        {"why eventLogFormat: /sys/kernel/security/tpm0/binary_bios_measurements: byte 2", "why baselineDifference: "}},

@@ -2,7 +2,6 @@
 #include <ctime>
 #include <gtest/gtest.h>
 #include <map>
-#include <set>
 #include <sstream>
 #include <unistd.h>
 
@@ -68,34 +67,6 @@ TEST_F(Metrics, EveryKindOfAttributeLandsInItsFamilyWithLabelsEscaped) {
    // Backslash, quote and line feed set by --state.
    auto const set = samples(R"("tarn/features/status": {"featuresFilePath": "/x\\y\"z\nw"})");
    EXPECT_EQ(set.count(R"(sentrel_fact_info{entity="tarn/features/status",attribute="featuresFilePath",value="/x\\y\"z\nw"})"), 1u);
-}
-
-TEST_F(Metrics, UnknownFactsAreTheReportsDiagnosticsAndAbsentEntitiesHaveNoFacts) {
-   String const entities = R"("sentrel/measuredBootVersion": {"tarnVersionFilePath": "missing"},
-                              "hardware/sentrel/config/sentrel": null)";
-   auto const d = parseJson(run(entities, "json").out);
-   std::set<String> diagnosed;
-   for (auto const &x : d["diagnostics"].GetArray()) {
-      diagnosed.insert(String(R"(sentrel_unknown_fact{entity=")") + x["entity"].GetString() + R"(",attribute=")" +
-                       x["attribute"].GetString() + R"("})");
-   }
-   EXPECT_EQ(diagnosed.count(R"(sentrel_unknown_fact{entity="sentrel/measuredBootVersion",attribute="tarn"})"), 1u);
-   std::set<String> unknown;
-   auto const s = samples(entities);
-   for (auto const &[series, value] : s) {
-      if (series.starts_with("sentrel_unknown_fact{") && value == "1") unknown.insert(series);
-      EXPECT_FALSE(series.starts_with(R"(sentrel_fact{entity="hardware/sentrel/config/sentrel")")) << series;
-   }
-   EXPECT_EQ(unknown, diagnosed);
-   EXPECT_EQ(s.at(R"(sentrel_entity_present{entity="hardware/sentrel/config/sentrel"})"), "0");
-}
-
-TEST_F(Metrics, WarningsAreCountedByName) {
-   // Secure boot support withdrawn and restored: the outdated bootloader is warned about twice.
-   auto const s = samples(kInputs, {"--script", host.sw.file("script", "set tarn/sb/status supported false\n"
-                                                                        "set tarn/sb/status supported true\n")});
-   EXPECT_EQ(s.at(R"(sentrel_warnings{name="SENTREL_WARNING"})"), "1");
-   EXPECT_EQ(s.at(R"(sentrel_warnings{name="TARN_DEPRECATION_WARNING"})"), "2");
 }
 
 TEST_F(Metrics, BothFormatsSayWhenAndWhereTheRunWasMadeAndEveryOutputNamesTheProjectVersion) {
