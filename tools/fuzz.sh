@@ -17,7 +17,7 @@ for seeds in fuzz/corpus/*/; do
   # few kilobytes.
   case "$name" in
     host_state_fuzz|host_script_fuzz|vexo_json_fuzz) max_len=1048576 ;;
-    event_log_fuzz) max_len=65536 ;;
+    event_log_fuzz|baseline_fuzz) max_len=65536 ;;
     *) max_len=4096 ;;
   esac
   echo "-- $name"
