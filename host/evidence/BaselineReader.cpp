@@ -12,23 +12,6 @@ namespace SentrelEvidence {
 
 namespace {
 
-// The bytes that hex text (either case) stands for; none when it is not hex.
-std::optional<String> fromHex(std::string_view hex) {
-   auto const value = [](char c) {
-      if (c >= '0' && c <= '9') return c - '0';
-      if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-      return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-   };
-   if (hex.size() % 2 != 0) return std::nullopt;
-   String bytes(hex.size() / 2, '\0');
-   for (std::size_t i = 0; i < bytes.size(); ++i) {
-      int const high = value(hex[2 * i]), low = value(hex[2 * i + 1]);
-      if (high < 0 || low < 0) return std::nullopt;
-      bytes[i] = static_cast<char>(high << 4 | low);
-   }
-   return bytes;
-}
-
 String lowerCase(std::string_view s) {
    String out(s);
    for (char &c : out) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
@@ -220,7 +203,7 @@ class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ba
       if (!digest_.hex) return fail(digest_.offset, recordName() + ": a digest has no \"digest\"");
       TpmAlgorithm const *a = digest_.algorithm;
       if (!a) return true;  // an algorithm we do not know, kept out
-      auto bytes = fromHex(*digest_.hex);
+      auto bytes = bytesOfHex(*digest_.hex);
       if (!bytes || bytes->size() != a->digestSize) {
          return fail(digest_.hexOffset, recordName() + ": the " + Loom::String(a->name) + " digest is not " +
                                            std::to_string(2 * a->digestSize) + " hex digits");
@@ -243,7 +226,7 @@ class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ba
             return wrongType(v, "an event type");
          }
       } else if (key_ == "event_data") {
-         auto bytes = v.kind == Kind::Text ? fromHex(v.text) : std::nullopt;
+         auto bytes = v.kind == Kind::Text ? bytesOfHex(v.text) : std::nullopt;
          if (!bytes) return wrongType(v, "hex");
          record_.data = std::move(bytes);
       }

@@ -92,6 +92,10 @@ struct EventLogProblem {
 inline constexpr std::size_t kMaxEventLogBytes = std::size_t{16} << 20;
 inline constexpr std::size_t kMaxEvents = 100000;
 
+// The bytes that hex text (either case, no separators) stands for; none
+// when it is anything else.
+std::optional<String> bytesOfHex(std::string_view hex);
+
 // Parses a whole log. Every length is checked against what remains, so a
 // truncated or malformed log is a problem at a byte offset, never a crash.
 std::variant<EventLog, EventLogProblem> parseEventLog(std::string_view bytes);

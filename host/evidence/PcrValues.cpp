@@ -7,7 +7,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <iterator>
-#include <openssl/crypto.h>
 #include <string_view>
 #include <unistd.h>
 
@@ -73,16 +72,12 @@ String digestOfPcrFile(String const &file, std::string_view text, std::size_t di
       why = file + " holds " + std::to_string(text.size()) + " characters" + expected;
       return {};
    }
-   String digest(digestSize, '\0');
-   std::size_t length = 0;
-   // A NUL in the text ends it early: the length check below sees that.
-   if (OPENSSL_hexstr2buf_ex(reinterpret_cast<unsigned char *>(digest.data()), digest.size(), &length,
-                             String(text).c_str(), '\0') != 1 ||
-       length != digestSize) {
+   auto digest = bytesOfHex(text);
+   if (!digest) {
       why = file + " holds characters other than hex digits" + expected;
       return {};
    }
-   return digest;
+   return std::move(*digest);
 }
 
 void readSysfsBank(std::uint16_t algorithm, std::set<std::uint32_t> const &pcrs,

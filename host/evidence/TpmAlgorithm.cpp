@@ -1,6 +1,7 @@
 #include "host/evidence/EventLog.h"
 
 #include <iterator>
+#include <openssl/crypto.h>
 
 namespace SentrelEvidence {
 
@@ -26,6 +27,19 @@ TpmAlgorithm const *tpmAlgorithm(std::string_view name) {
       if (a.name == name) return &a;
    }
    return nullptr;
+}
+
+std::optional<String> bytesOfHex(std::string_view hex) {
+   // A NUL would end the text early for OpenSSL; an odd digit is no byte.
+   if (hex.size() % 2 != 0 || hex.find('\0') != std::string_view::npos) return std::nullopt;
+   String bytes(hex.size() / 2, '\0');
+   std::size_t length = 0;
+   if (!bytes.empty() && (OPENSSL_hexstr2buf_ex(reinterpret_cast<unsigned char *>(bytes.data()), bytes.size(),
+                                                &length, String(hex).c_str(), '\0') != 1 ||
+                          length != bytes.size())) {
+      return std::nullopt;
+   }
+   return bytes;
 }
 
 }  // namespace SentrelEvidence
