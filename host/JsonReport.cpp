@@ -1,5 +1,7 @@
 #include "host/JsonReport.h"
 
+#include <variant>
+
 #include "host/ValueJson.h"
 
 namespace SentrelHost {
@@ -36,15 +38,24 @@ void entities(Writer &w, ReportModel const &m) {
    w.EndObject();
 }
 
+// An object of text and number members, in the order given.
 template <class Writer>
-void diagnostic(Writer &w, String const &entity, String const &attribute, Unknown const &u) {
+void object(Writer &w, std::initializer_list<std::pair<std::string_view, std::variant<int, std::string_view>>> members) {
    w.StartObject();
-   for (auto const &[k, v] : {std::pair{"entity", &entity}, std::pair{"attribute", &attribute},
-                              std::pair{"reason", &u.reason}, std::pair{"hint", &u.hint}}) {
+   for (auto const &[k, v] : members) {
       key(w, k);
-      key(w, *v);
+      if (auto const *n = std::get_if<int>(&v)) {
+         w.Int(*n);
+      } else {
+         key(w, std::get<std::string_view>(v));
+      }
    }
    w.EndObject();
+}
+
+template <class Writer>
+void diagnostic(Writer &w, String const &entity, String const &attribute, Unknown const &u) {
+   object(w, {{"entity", entity}, {"attribute", attribute}, {"reason", u.reason}, {"hint", u.hint}});
 }
 
 }  // namespace
@@ -85,30 +96,12 @@ String jsonReport(ReportModel const &m) {
    w.EndObject();
    key(w, "log");
    w.StartArray();
-   for (auto const &l : m.log) {
-      w.StartObject();
-      key(w, "name");
-      key(w, l.name);
-      key(w, "severity");
-      w.Int(l.severity);
-      key(w, "text");
-      key(w, l.text);
-      w.EndObject();
-   }
+   for (auto const &l : m.log) object(w, {{"name", l.name}, {"severity", l.severity}, {"text", l.text}});
    w.EndArray();
    key(w, "trace");
    w.StartArray();
    for (auto const &t : m.traces) {
-      w.StartObject();
-      key(w, "level");
-      w.Int(t.level);
-      key(w, "function");
-      key(w, t.function);
-      key(w, "line");
-      w.Int(t.line);
-      key(w, "text");
-      key(w, t.text);
-      w.EndObject();
+      object(w, {{"level", t.level}, {"function", t.function}, {"line", t.line}, {"text", t.text}});
    }
    w.EndArray();
    key(w, "toggles");

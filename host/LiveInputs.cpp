@@ -56,11 +56,6 @@ std::vector<String> listDir(char const *path, int &err) {
 // A pseudo file system mounted at `path` is never empty.
 bool mounted(char const *path, int &err) { return !listDir(path, err).empty(); }
 
-// A reason waiting for its fact's value to stand.
-struct Pending {
-   Loom::ReasonRecord record;
-};
-
 class Reader {
  public:
    explicit Reader(Ledger::EntityManager &em) : em_(em) {}
@@ -79,9 +74,9 @@ class Reader {
          sb->readyIs(true);
       }
       // Reported once the values stand, so each reason holds the value it explains.
-      for (auto &p : pending_) {
-         if (p.record.type == &Sb::typeInfo()) p.record.entity = sb.ptr();
-         if (p.record.type != &Sb::typeInfo() || sb) Loom::reasonSend(std::move(p.record));
+      for (auto &r : pending_) {
+         if (r.type == &Sb::typeInfo()) r.entity = sb.ptr();
+         if (r.type != &Sb::typeInfo() || sb) Loom::reasonSend(std::move(r));
       }
       virtualMachine();
    }
@@ -90,8 +85,8 @@ class Reader {
    // Why an input is unknown, about some bits of statusFlags or about other
    // facts of the secure boot status.
    void unknown(std::initializer_list<Sb::Attr::Number> attrs, std::uint64_t bits, String reason, String hint = {}) {
-      pending_.push_back({{&Sb::typeInfo(), nullptr, {attrs.begin(), attrs.end()}, bits, std::move(reason),
-                           std::move(hint)}});
+      pending_.push_back(
+         {&Sb::typeInfo(), nullptr, {attrs.begin(), attrs.end()}, bits, std::move(reason), std::move(hint)});
    }
 
    // An unknown bit is published as the defaults expect, so that it neither
@@ -112,9 +107,8 @@ class Reader {
       if (r.tooLarge) throw UsageError(String(kDefaultsFile) + ": " + r.problem());
       if (!r.ok()) {
          em_.entityDel(entry->path);
-         pending_.push_back({{&Defaults::typeInfo(), nullptr, {}, 0,
-                              "manufacturing defaults unknown: " + Loom::readFailure(kDefaultsFile, r),
-                              Loom::openFailureHint(r.error)}});
+         Loom::reasonAbsent<Defaults>("manufacturing defaults unknown: " + Loom::readFailure(kDefaultsFile, r),
+                                      Loom::openFailureHint(r.error));
          return;
       }
       // The operator's own file: a mistake in it stops the run, like one in --state.
@@ -124,8 +118,11 @@ class Reader {
          return UsageError(String(kDefaultsFile) + ": byte " + std::to_string(offset) + ": " + what);
       };
       if (!root) throw at(jerr.offset, jerr.message);
-      static char const expected[] = "expected an object with \"secureBootEnabled\" and \"measuredBootEnabled\"";
-      if (root->type != JsonNode::Object) throw at(root->offset, expected);
+      if (root->type != JsonNode::Object) {
+         auto const name = [](unsigned a) { return "\"" + String(Defaults::typeInfo().attrs[a].name) + "\""; };
+         throw at(root->offset, "expected an object with " + name(Defaults::Attr::secureBootEnabled) + " and " +
+                                   name(Defaults::Attr::measuredBootEnabled));
+      }
       auto config = Sentrel::stateTreeEntity<Defaults>(em_);
       if (!config) return;
       applyEntityObject(*config, *root, kDefaultsFile, "/");
@@ -274,7 +271,8 @@ class Reader {
    }
 
    Ledger::EntityManager &em_;
-   std::vector<Pending> pending_;
+   // Reasons waiting for their facts' values to stand.
+   std::vector<Loom::ReasonRecord> pending_;
    std::vector<String> banks_;
    bool supported_ = false;
    bool hasDefaults_ = false;
