@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "Sentrel/platform/Json.h"
+#include "Sentrel/platform/Printable.h"
 
 namespace SentrelHost {
 
@@ -157,36 +158,6 @@ std::optional<JsonNode> parseJson(String const &text, JsonError &error) {
    return std::move(builder.root);
 }
 
-namespace {
-// Length of the valid UTF-8 sequence at s[i], or 0.
-std::size_t utf8Length(std::string_view s, std::size_t i) {
-   auto const b = static_cast<unsigned char>(s[i]);
-   std::size_t len;
-   std::uint32_t cp;
-   if (b < 0x80) return 1;
-   if (b >= 0xC2 && b <= 0xDF) {
-      len = 2, cp = b & 0x1F;
-   } else if (b >= 0xE0 && b <= 0xEF) {
-      len = 3, cp = b & 0x0F;
-   } else if (b >= 0xF0 && b <= 0xF4) {
-      len = 4, cp = b & 0x07;
-   } else {
-      return 0;
-   }
-   if (i + len > s.size()) return 0;
-   for (std::size_t k = 1; k < len; ++k) {
-      auto const c = static_cast<unsigned char>(s[i + k]);
-      if ((c & 0xC0) != 0x80) return 0;
-      cp = cp << 6 | (c & 0x3F);
-   }
-   // Overlong forms, surrogates and code points beyond Unicode are not valid.
-   if ((len == 3 && cp < 0x800) || (len == 4 && (cp < 0x10000 || cp > 0x10FFFF)) || (cp >= 0xD800 && cp <= 0xDFFF)) {
-      return 0;
-   }
-   return len;
-}
-}  // namespace
-
 void appendJsonEscaped(String &out, std::string_view bytes) {
    static char const hex[] = "0123456789abcdef";
    auto const plain = [](unsigned char b) { return b >= 0x20 && b < 0x80 && b != '"' && b != '\\'; };
@@ -198,7 +169,8 @@ void appendJsonEscaped(String &out, std::string_view bytes) {
       if (run == bytes.size()) break;
       i = run;
       auto const b = static_cast<unsigned char>(bytes[i]);
-      std::size_t const len = utf8Length(bytes, i);
+      char32_t cp = 0;
+      std::size_t const len = Loom::utf8Character(bytes, i, cp);
       if (len > 1) {
          out.append(bytes.substr(i, len));
          i += len;

@@ -2,28 +2,11 @@
 
 #include <algorithm>
 
-#include "host/JsonTree.h"
+#include "Sentrel/platform/Printable.h"
 
 namespace SentrelHost {
 
 namespace {
-
-// Text for people: control characters and bytes of broken UTF-8 escaped.
-String printable(std::string_view s) {
-   String out;
-   appendJsonEscaped(out, s);
-   return out;
-}
-
-// Sentences for people: like printable, but quotes stay as they are.
-void appendProse(String &out, std::string_view s) {
-   std::size_t pos = 0;
-   for (std::size_t q; (q = s.find('"', pos)) != std::string_view::npos; pos = q + 1) {
-      appendJsonEscaped(out, s.substr(pos, q - pos));
-      out += '"';
-   }
-   appendJsonEscaped(out, s.substr(pos));
-}
 
 String valueText(Loom::Value const &v) {
    return std::visit(
@@ -34,18 +17,18 @@ String valueText(Loom::Value const &v) {
          } else if constexpr (std::is_same_v<T, std::uint64_t>) {
             return std::to_string(x);
          } else if constexpr (std::is_same_v<T, String>) {
-            return printable(x);
+            return Loom::printable(x);
          } else if constexpr (std::is_same_v<T, std::vector<String>>) {
             String out;
-            for (auto const &s : x) out += (out.empty() ? "" : ", ") + printable(s);
+            for (auto const &s : x) out += (out.empty() ? "" : ", ") + Loom::printable(s);
             return out;
          } else if constexpr (std::is_same_v<T, std::vector<std::pair<String, std::uint32_t>>>) {
             String out;
-            for (auto const &[k, n] : x) out += (out.empty() ? "" : ", ") + printable(k) + "=" + std::to_string(n);
+            for (auto const &[k, n] : x) out += (out.empty() ? "" : ", ") + Loom::printable(k) + "=" + std::to_string(n);
             return out;
          } else if constexpr (std::is_same_v<T, Loom::VariantValue>) {
             String out = x.alternative + ":";
-            if (x.fields.empty()) out += " " + printable(x.text);
+            if (x.fields.empty()) out += " " + Loom::printable(x.text);
             for (auto const &[k, n] : x.fields) out += " " + k + "=" + std::to_string(n);
             return out;
          } else {
@@ -64,12 +47,12 @@ void reasonText(String &out, std::size_t column, Unknown const &u, Unknown const
       return;
    }
    out += "why:  ";
-   appendProse(out, u.reason);
+   out += Loom::printable(u.reason);
    out += '\n';
    if (u.hint.empty()) return;
    out.append(column, ' ');
    out += "hint: ";
-   appendProse(out, u.hint);
+   out += Loom::printable(u.hint);
    out += '\n';
 }
 
@@ -129,14 +112,14 @@ String textReport(ReportModel const &m) {
       out += "\n";
    }
    out += m.log.empty() ? "Warnings: none\n" : "Warnings:\n";
-   for (auto const &l : m.log) out += "  " + l.name + ": " + printable(l.text) + "\n";
+   for (auto const &l : m.log) out += "  " + l.name + ": " + Loom::printable(l.text) + "\n";
    out += "\nInputs:\n";
    inputsText(out, m);
    String changed;
    for (auto const &t : m.toggles) {
       if (t.value == t.defaultValue) continue;
       changed += "  " + t.name + " " + (t.value ? "on" : "off") + " (";
-      appendProse(changed, t.file);
+      changed += Loom::printable(t.file);
       changed += ")\n";
    }
    if (!changed.empty()) out += "\nToggles not at their default:\n" + changed;

@@ -6,6 +6,7 @@
 #include "Sentrel/CommandRunning.h"
 #include "Sentrel/FileReading.h"
 #include "Sentrel/Toggles.h"
+#include "Sentrel/platform/Printable.h"
 #include "Sentrel/platform/RunCommand.h"
 #include "Sentrel/platform/StateMachine.h"
 #include "Sentrel/platform/Toggle.h"
@@ -215,4 +216,21 @@ TEST(Ledger, PathsDirectoriesAndMountFlags) {
    EXPECT_TRUE(f.parse("r"));
    EXPECT_FALSE(f.write);
    EXPECT_FALSE(f.parse("x"));
+}
+
+// What people read is what was written, but for what could mislead them:
+// one backslash stays one, and marks that reorder or break a line show.
+TEST(Printable, EscapesOnlyWhatCouldMisleadAReader) {
+   for (auto const &[text, shown] : std::vector<std::pair<Loom::String, Loom::String>>{
+           {"\\EFI\\BOOT\\grubx64.efi", "\\EFI\\BOOT\\grubx64.efi"},
+           {"caf\xc3\xa9" " \xf0\x9f\x98\x80 \"quoted\"", "caf\xc3\xa9" " \xf0\x9f\x98\x80 \"quoted\""},
+           {"a\tb\nc\x1b[2J\x7f", "a\\x09b\\x0ac\\x1b[2J\\x7f"},
+           {"next\xc2\x85line", "next\\u0085line"},
+           {"\xe2\x80\x8e\xe2\x80\x8f\xd8\x9c\xe2\x80\xae" "evil\xe2\x81\xa6", "\\u200e\\u200f\\u061c\\u202eevil\\u2066"},
+           {"one\xe2\x80\xa8two\xe2\x80\xa9", "one\\u2028two\\u2029"},
+           {"\xff\xc3(\xed\xa0\x80\xc0\xaf", "\\xff\\xc3(\\xed\\xa0\\x80\\xc0\\xaf"},
+           {"cut \xe2\x80", "cut \\xe2\\x80"},
+        }) {
+      EXPECT_EQ(Loom::printable(text), shown);
+   }
 }

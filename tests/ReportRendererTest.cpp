@@ -17,7 +17,8 @@ ReportModel handBuilt() {
       {"sentrel/measuredBootVersion", true, true, {}, false,
        {{"tarn", String("2"), {}, false},
         {"vexo", String(), Unknown{"cannot open /v.json: No such file", "set it"}, false},
-        {"banks", std::vector<String>{"sha1", "sha256"}, {}, false}}},
+        {"banks", std::vector<String>{"sha1", "sha256"}, {}, false},
+        {"path", String("\\EFI\\BOOT\\grubx64.efi\xe2\x80\xae"), {}, false}}},
       {"tarn/pcrConfig/status", true, false, Unknown{"gone \"away\"", ""}, false, {}},
       {"tarn/sb/status", false, true, {}, false,
        {{"statusFlags", std::uint64_t{33}, Unknown{"bit 5 unknown", "mount it"}, true},
@@ -44,9 +45,9 @@ TEST(ReportRenderers, EachFormatShowsEveryPartOfTheModel) {
    Row const rows[] = {
       {"text", textReport(m),
        {"sentrel/measuredBootVersion\n  tarn   2\n  vexo   \n         why:  cannot open /v.json: No such file\n"
-        "         hint: set it\n  banks  sha1, sha256\n\n",
+        "         hint: set it\n  banks  sha1, sha256\n  path   \\EFI\\BOOT\\grubx64.efi\\u202e\n\n",
         "tarn/pcrConfig/status\n  (absent)\n    why:  gone \"away\"\n\n",
-        "Warnings:\n  SENTREL_WARNING: Secure boot \\u00ff off\n",
+        "Warnings:\n  SENTREL_WARNING: Secure boot \\xff off\n",
         "\nInputs:\n  secure boot             on\n  measured boot           unknown\n"
         "                          why:  securityfs is not mounted\n                          hint: mount it\n"
         "  manufacturing defaults  none: nothing is compared with them\n  tarn/sb/status ready\n    why:  not ready\n",
@@ -61,11 +62,13 @@ TEST(ReportRenderers, EachFormatShowsEveryPartOfTheModel) {
         "sentrel_warnings{name=\"SENTREL_WARNING\"} 2\n", "sentrel_last_run_timestamp_seconds 0\n",
         "sentrel_build_info{version=\"9.9.9\"} 1\n"}},
       {"text show", textShow(m, &m.entities[1].path) + "|" + textShow(m, nullptr),
-       {"tarn/pcrConfig/status\n  (absent)\n|sentrel/measuredBootVersion\n  tarn   2\n  vexo   \n  banks  sha1, sha256\ntarn/pcrConfig/status\n  (absent)\n"
+       {"tarn/pcrConfig/status\n  (absent)\n|sentrel/measuredBootVersion\n  tarn   2\n  vexo   \n  banks  sha1, sha256\n"
+        "  path   \\EFI\\BOOT\\grubx64.efi\\u202e\ntarn/pcrConfig/status\n  (absent)\n"
         "tarn/sb/status\n  statusFlags  33\n  ready        false\n"}},
       {"json show", jsonShow(m, &m.entities[1].path) + jsonShow(m, nullptr),
        {"{\"tarn/pcrConfig/status\":null}\n{\"entities\":{\"sentrel/measuredBootVersion\":{\"tarn\":\"2\",\"vexo\":\"\","
-        "\"banks\":[\"sha1\",\"sha256\"]},\"tarn/pcrConfig/status\":null,"
+        "\"banks\":[\"sha1\",\"sha256\"],\"path\":\"\\\\EFI\\\\BOOT\\\\grubx64.efi\xe2\x80\xae\"},"
+        "\"tarn/pcrConfig/status\":null,"
         "\"tarn/sb/status\":{\"statusFlags\":33,\"ready\":false}}}\n"}},
    };
    for (auto const &row : rows) {
