@@ -8,7 +8,7 @@
 #include <ctime>
 #include <openssl/evp.h>
 
-#include "host/evidence/Replay.h"
+#include "evidence/Replay.h"
 #include "tests/EventLogWriter.h"
 
 using namespace SentrelEvidence;
@@ -60,7 +60,7 @@ class HashFloor {
    struct Bank {
       EVP_MD *md;
       std::size_t size;
-      Loom::String digests;  // end to end
+      String digests;  // end to end
    };
    std::vector<Bank> banks_;
    EVP_MD_CTX *ctx_ = EVP_MD_CTX_new();
@@ -72,7 +72,7 @@ void BM_EventLogReplay(benchmark::State &state) {
    written.banks = {kAlgSha1, kAlgSha256, kAlgSha384};
    written.startupLocality = 3;
    written.events = SentrelTest::firmwareEvents(events, 7);
-   Loom::String const bytes = SentrelTest::writeEventLog(written);
+   String const bytes = SentrelTest::writeEventLog(written);
    auto const parsed = parseEventLog(bytes);
    if (!std::holds_alternative<EventLog>(parsed)) return state.SkipWithError("the log does not parse");
    HashFloor floor(std::get<EventLog>(parsed));

@@ -16,6 +16,7 @@
 #include "Sentrel/types/TarnSecurebootStatus.h"
 #include "host/JsonTree.h"
 #include "host/StateFile.h"
+#include "host/TpmSysfs.h"
 #include "host/UsageError.h"
 #include "host/evidence/Evidence.h"
 
@@ -29,10 +30,10 @@ using Defaults = Hardware::Sentrel::Config;
 char const kEfi[] = "/sys/firmware/efi";
 char const kEfivars[] = "/sys/firmware/efi/efivars";
 char const kSecureBootVar[] = "/sys/firmware/efi/efivars/SecureBoot-8be4df61-93ca-11d2-aa0d-00e098032b8c";
-char const kTpm[] = "/sys/class/tpm/tpm0";
+char const *const kTpm = kTpmFolder;
 char const kTpmVersion[] = "/sys/class/tpm/tpm0/tpm_version_major";
 char const kSecurityFs[] = "/sys/kernel/security";
-char const *const kEventLog = SentrelEvidence::kEventLogPath;
+char const *const kEventLog = kEventLogPath;
 char const kCpuinfo[] = "/proc/cpuinfo";
 // An efivarfs file: the variable's 4-byte attributes word, then its data.
 std::size_t const kEfiAttributesSize = 4;
@@ -216,9 +217,7 @@ class Reader {
 
    void banks(bool tpm2) {
       int err = 0;
-      for (auto const &name : listDir(kTpm, err)) {
-         if (name.starts_with("pcr-") && name.size() > 4) banks_.push_back(name.substr(4));
-      }
+      banks_ = sysfsPcrBanks(err);
       if (err != 0) {
          unknown({Sb::Attr::enabledPcrBank}, 0, "cannot read " + String(kTpm) + ": " + std::strerror(err),
                  Loom::openFailureHint(err));

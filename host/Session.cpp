@@ -103,8 +103,9 @@ void Session::applyEvidence() {
    if (!handle) throw UsageError("cannot load the evidence module " + path + ": " + dlerror());
    auto *evidence = reinterpret_cast<decltype(&sentrelMeasuredBootEvidence)>(dlsym(handle, "sentrelMeasuredBootEvidence"));
    if (!evidence) throw UsageError("the evidence module " + path + " has no sentrelMeasuredBootEvidence");
-   SentrelEvidence::EvidenceOptions const options{o.eventLog, o.tcti, o.baseline, o.writeBaseline.has_value()};
-   SentrelEvidence::EvidenceResult result;
+   EvidenceOptions const options{o.eventLog, o.tcti, o.baseline, o.writeBaseline.has_value(),
+                                 std::chrono::duration_cast<std::chrono::milliseconds>(config_.commandTimeout)};
+   EvidenceResult result;
    evidence(em_.ptr(), &options, &result);
    if (!o.writeBaseline) return;
    if (!result.baseline) throw UsageError("--write-baseline " + *o.writeBaseline + ": " + result.baselineProblem);

@@ -2,7 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "EventLogWriter.h"
-#include "host/evidence/Baseline.h"
+#include "evidence/Baseline.h"
+#include "evidence/Cel.h"
 
 using namespace SentrelEvidence;
 using namespace SentrelTest;
@@ -30,11 +31,11 @@ EventLog referenceLog() {
 
 // The records read, a line each, or the problem as "<offset>: <what>".
 String read(String const &json) {
-   auto const result = parseBaseline(json);
+   auto const result = parseCanonicalEventLog(json);
    if (auto const *p = std::get_if<EventLogProblem>(&result)) return std::to_string(p->offset) + ": " + p->what;
    String out;
-   for (BaselineRecord const &r : std::get<Baseline>(result)) {
-      out += std::to_string(r.recnum) + " pcr " + std::to_string(r.pcr) + " type " + std::to_string(r.type);
+   for (Event const &r : std::get<EventLog>(result).events) {
+      out += std::to_string(r.number) + " pcr " + std::to_string(r.pcr) + " type " + std::to_string(r.type);
       for (Digest const &d : r.digests) out += " " + std::to_string(d.algorithm) + ":" + hex(d.bytes);
       out += " data " + hex(r.data) + (r.machineUnique ? " unique\n" : "\n");
    }
@@ -75,7 +76,7 @@ TEST(Baseline, AMalformedBaselineIsAProblemAtItsOffset) {
    // Each with where the problem is: the first occurrence of a text, or the end for none.
    for (auto const &[json, at, problem] : std::vector<std::tuple<String, String, String>>{
            {"[" + record, "", "Missing a comma or ']' after an array element."},
-           {R"({"records": []})", "{", "a baseline is an array of records"},
+           {R"({"records": []})", "{", "a canonical event log is an array of records"},
            {"[1, " + record + "]", "1", "record 0 is not an object"},
            {with(R"("pcr": 7)", R"("pcr": "7")"), R"("7")", R"(record 0: "pcr" is not a PCR index)"},
            {with(R"("pcr": 7)", R"("pcr": 4294967296)"), "4294967296", R"(record 0: "pcr" is not a PCR index)"},
@@ -110,26 +111,26 @@ TEST(Baseline, ComparisonNamesTheFirstDifferingEventOfEachPcrThatDiffers) {
    auto const changed = [](EventLog &l, std::initializer_list<std::size_t> events) {
       for (std::size_t i : events) l.events[i].digests[i % 2].bytes[0] ^= 1;
    };
-   using Change = std::function<void(EventLog &, Baseline &)>;
+   using Change = std::function<void(EventLog &, EventLog &)>;
    for (auto const &[what, change, differences] : std::vector<std::tuple<char const *, Change, String>>{
-           {"the first change of each PCR", [&](EventLog &l, Baseline &) { changed(l, {10, 9, 3, 1}); },
+           {"the first change of each PCR", [&](EventLog &l, EventLog &) { changed(l, {10, 9, 3, 1}); },
             "0: event 1 EV_S_CRTM_VERSION 1.0\n4: event 9 EV_EFI_BOOT_SERVICES_APPLICATION \\EFI\\BOOT\\BOOTX64.EFI\n"
             "7: event 3 EV_EFI_ACTION SecureBoot\n"},
-           {"a machine-unique event", [&](EventLog &l, Baseline &b) { changed(l, {2, 6}); b[2].machineUnique = true; },
+           {"a machine-unique event", [&](EventLog &l, EventLog &b) { changed(l, {2, 6}); b.events[2].machineUnique = true; },
             "1: event 6 EV_SEPARATOR\n"},
            {"a new type", [](EventLog &l, auto &) { l.events[7].type = EV_EFI_ACTION; }, "4: event 7 EV_EFI_ACTION\n"},
            {"no algorithm in common",
-            [](EventLog &l, Baseline &b) { l.events[5].digests.pop_back(); b[5].digests.erase(b[5].digests.begin()); },
+            [](EventLog &l, EventLog &b) { l.events[5].digests.pop_back(); b.events[5].digests.erase(b.events[5].digests.begin()); },
             "0: event 5 EV_SEPARATOR (no digest algorithm in common)\n"},
-           {"a digest one side lacks", [&](EventLog &l, Baseline &b) { changed(l, {5}); b[5].digests.pop_back(); }, ""},
-           {"an event that extends nothing", [&](EventLog &l, Baseline &) { changed(l, {0}); }, ""},
+           {"a digest one side lacks", [&](EventLog &l, EventLog &b) { changed(l, {5}); b.events[5].digests.pop_back(); }, ""},
+           {"an event that extends nothing", [&](EventLog &l, EventLog &) { changed(l, {0}); }, ""},
            {"a PCR on one side only",
-            [](EventLog &l, Baseline &) { l.events.back() = {12, 0, 14, EV_IPL, {sha256('i')}, "grub_cmd: boot"}; },
+            [](EventLog &l, EventLog &) { l.events.back() = {12, 0, 14, EV_IPL, {sha256('i')}, "grub_cmd: boot"}; },
             "9: event 11 0x000000ff (missing from this log)\n"
             "14: event 12 EV_IPL grub_cmd: boot (not in the baseline)\n"},
         }) {
       EventLog log = referenceLog();
-      auto baseline = std::get<Baseline>(parseBaseline(canonicalEventLogJson(log)));
+      auto baseline = std::get<EventLog>(parseCanonicalEventLog(canonicalEventLogJson(log)));
       change(log, baseline);
       String texts;
       for (BaselineDifference const &d : compareWithBaseline(log, baseline)) texts += d.text + "\n";

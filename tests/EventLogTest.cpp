@@ -5,7 +5,7 @@
 #include "EventLogWriter.h"
 #include "Sentrel/platform/RunCommand.h"
 #include "TestSupport.h"
-#include "host/evidence/Replay.h"
+#include "evidence/Replay.h"
 
 using namespace SentrelTest;
 using namespace SentrelEvidence;
@@ -31,7 +31,7 @@ String patched(String log, std::size_t at, T v) {
 
 // Both layouts read back as written, and replay to the writer's own replay:
 // the header's algorithms led by an unknown one, every known bank, the
-// StartupLocality, an EV_NO_ACTION event and a PCR no TPM has.
+// StartupLocality, an EV_NO_ACTION event and the last PCR.
 TEST(EventLog, ReadsAndReplaysWhatTheWriterWrote) {
    std::vector<LogPlan> logs{
       {.banks = {kAlgSha1, kAlgSha256, kAlgSha384, kAlgSha512, kAlgSm3_256},
@@ -40,7 +40,7 @@ TEST(EventLog, ReadsAndReplaysWhatTheWriterWrote) {
        .events = firmwareEvents(120, 3)},
       {.format = EventLogFormat::Sha1, .startupLocality = 4, .events = firmwareEvents(60, 4)},
    };
-   logs[0].events.push_back({0x12345678, EV_POST_CODE, "a PCR no TPM has", {}});
+   logs[0].events.push_back({23, EV_POST_CODE, "the last PCR", {}});
    logs[0].events.push_back({5, EV_NO_ACTION, "not extended", {}});
    for (auto const &plan : logs) {
       bool const agile = plan.format == EventLogFormat::CryptoAgile;
@@ -59,7 +59,9 @@ TEST(EventLog, ReadsAndReplaysWhatTheWriterWrote) {
       }
       std::map<std::pair<std::uint16_t, std::uint32_t>, String> replayed;
       for (auto const &[alg, bank] : replayEventLog(log).banks) {
-         for (auto const &[pcr, value] : bank) replayed[{alg, pcr}] = value;
+         for (std::uint32_t pcr = 0; pcr < kPcrCount; ++pcr) {
+            if (bank.extended.test(pcr)) replayed[{alg, pcr}] = bank.values[pcr];
+         }
       }
       EXPECT_EQ(replayed, replayedPcrs(plan));
    }
@@ -96,7 +98,9 @@ TEST(EventLog, NamesWhereAMalformedLogGoesWrong) {
       {"digest count unlike the header's", patched(good, e2 + 8, std::uint32_t{1}), e2,
        "its digest count 1" + at(e2 + 8) + " differs from the header's 2"},
       {"an undeclared algorithm, below a declared one", patched(good, e2 + 12, std::uint16_t{5}), e2,
-       "its algorithm 0x5" + at(e2 + 12) + " is not one the header declares"},
+       "its algorithm 0x0005" + at(e2 + 12) + " is not one the header declares"},
+      {"a PCR index past 23", patched(good, e2, std::uint32_t{1000}), e2,
+       "event 2" + at(e2) + ": its PCR index 1000 is past 23, the last PCR of a PC Client TPM"},
       {"an algorithm twice", patched(good, e2 + 34, kAlgSha1), e2, "algorithm sha1" + at(e2 + 34) + " appears twice"},
       {"StartupLocality without its byte", patched(sha1Layout, 28, std::uint32_t{16}), 0,
        "its StartupLocality data ends before the locality byte"},
@@ -137,7 +141,9 @@ TEST(EventLog, ReplayEqualsTpm2Eventlog) {
       String want = "pcrs:\n";
       for (auto const &[alg, bank] : replayEventLog(parsed(bytes)).banks) {
          want += "  " + String(tpmAlgorithm(alg)->name) + ":\n";
-         for (auto const &[pcr, value] : bank) {
+         for (std::uint32_t pcr = 0; pcr < kPcrCount; ++pcr) {
+            if (!bank.extended.test(pcr)) continue;
+            String const &value = bank.values[pcr];
             char line[16];
             std::snprintf(line, sizeof line, "    %-2u : 0x", pcr);
             want += line + hex(value) + "\n";

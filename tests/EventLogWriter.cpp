@@ -140,13 +140,6 @@ std::vector<LogEvent> firmwareEvents(std::size_t count, std::uint32_t seed) {
    return events;
 }
 
-String hex(String const &bytes) {
-   static constexpr char kDigits[] = "0123456789abcdef";
-   String out;
-   for (unsigned char const c : bytes) out += {kDigits[c >> 4], kDigits[c & 15]};
-   return out;
-}
-
 String utf16(std::string_view ascii) {
    String out;
    for (char c : ascii) out += {c, '\0'};

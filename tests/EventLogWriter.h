@@ -6,13 +6,13 @@
 #include <utility>
 #include <vector>
 
-#include "host/evidence/EventLog.h"
+#include "evidence/EventLog.h"
 
 // Writes TPM event logs for tests, fuzzer seeds and benchmarks, and computes
 // the PCR values they replay to, independently of the code under test.
 namespace SentrelTest {
 
-using Loom::String;
+using SentrelEvidence::String;
 using SentrelEvidence::EventLogFormat;
 
 struct LogEvent {
@@ -57,7 +57,7 @@ String imageLoadData(std::string_view filePath);
 std::vector<LogEvent> firmwareEvents(std::size_t count, std::uint32_t seed);
 
 // Lower-case hex of raw bytes.
-String hex(String const &bytes);
+inline String hex(String const &bytes) { return SentrelEvidence::hexOf(bytes); }
 
 // Appends `v` in little-endian order, as every field of a log is written.
 template <class T>

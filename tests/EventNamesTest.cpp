@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "EventLogWriter.h"
-#include "host/evidence/EventNames.h"
+#include "evidence/EventNames.h"
 
 using namespace SentrelEvidence;
 using namespace SentrelTest;
@@ -61,9 +61,13 @@ TEST(EventNames, ComponentIsWhatTheEventSaysItMeasuredAndNothingWhenItsDataIsMal
            {"a node of another kind", driver, imageData(node(1, 1, String{0, 0x1c}) + kEnd), "Path(1,1)"},
            {"an action", EV_EFI_ACTION, "Exit Boot Services Invocation", "Exit Boot Services Invocation"},
            {"a post code with its NUL", EV_POST_CODE, String("ACPI DATA\0", 10), "ACPI DATA"},
-           {"UTF-16 that reorders", EV_S_CRTM_VERSION, utf16("1.0") + String("\x2e\x20", 2), "1.0\xef\xbf\xbd"},
-           {"control characters", EV_IPL, "linux\t/vmlinuz\x1b[2J\xff", "linux\\x09/vmlinuz\\x1b[2J\xef\xbf\xbd"},
-           {"a long text", EV_ACTION, String(255, 'a') + String(9, '\xff'), String(255, 'a') + "..."},
+           // As the firmware wrote it: whoever shows it to people escapes it.
+           {"UTF-16 that reorders", EV_S_CRTM_VERSION, utf16("1.0") + String("\x2e\x20", 2), "1.0\xe2\x80\xae"},
+           {"control characters and a byte of no encoding", EV_IPL, "linux\t/vmlinuz\x1b[2J\xff",
+            "linux\t/vmlinuz\x1b[2J\xff"},
+           {"a long text", EV_ACTION, String(255, 'a') + String(9, '\xff'), String(255, 'a') + "\xff..."},
+           {"a long text cut before a character", EV_ACTION, String(255, 'a') + "\xc3\xa9" + String(9, 'b'),
+            String(255, 'a') + "..."},
            {"text with bytes after its NUL", EV_EFI_ACTION, String("Exit\0junk", 9), ""},
            {"variable data shorter than its header", EV_EFI_VARIABLE_BOOT, String(31, '\0'), ""},
            {"a name past the data", EV_EFI_VARIABLE_BOOT, variableData(5, 0, utf16("Boot")), ""},

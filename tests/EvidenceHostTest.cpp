@@ -50,7 +50,8 @@ struct Switch {
       if (!e.IsObject()) return "absent\n";
       String out = String("format ") + e["eventLogFormat"].GetString() + ", " + std::to_string(e["eventCount"].GetUint()) +
                    " events\n";
-      for (char const *set : {"logBank", "replayedBank", "mismatchedPcr", "unextendedBank", "baselineDifference"}) {
+      for (char const *set :
+           {"logBank", "replayedBank", "mismatchedPcr", "unextendedBank", "unverifiedBank", "baselineDifference"}) {
          out += set + String(":");
          for (auto const &s : e[set].GetArray()) out += String(" ") + s.GetString();
          out += "\n";
@@ -76,20 +77,48 @@ void expectLines(String const &got, Strings const &lines) {
 
 TEST(EvidenceHost, ReplaysTheLogAgainstEveryBankOfTheTpm) {
    String const clean = "format crypto-agile, 14 events\nlogBank: sha1 sha256\nreplayedBank: sha1 sha256\n";
+   String const sha1 = "sha1:0 sha1:1 sha1:2 sha1:3 sha1:4 sha1:5 sha1:6 sha1:7";
    auto remove = [](Switch &s, char const *path) { fs::remove_all(s.host.sw.path() + "/" + path); };
+   auto log = [](Switch &s, LogPlan const &plan) { s.host.sw.file(kLog, writeEventLog(plan)); };
+   // A bank's PCRs 0-7 all at `value`.
+   auto bank = [](Switch &s, char const *name, String const &value) {
+      for (std::uint32_t i = 0; i < 8; ++i) s.pcr(name, i, value);
+   };
+   LogPlan withoutPcr7 = boot(), withPcr1000 = boot(), sha1Layout = boot();
+   sha1Layout.format = EventLogFormat::Sha1;
+   std::erase_if(withoutPcr7.events, [](LogEvent const &e) { return e.pcr == 7; });
+   withPcr1000.events.push_back({1000, EV_IPL, "a PCR no TPM has", {}});
    struct Row {
       char const *name;
       std::function<void(Switch &)> change;
       Strings args, lines;
    } const rows[] = {
-      {"clean", {}, {}, {clean + "mismatchedPcr:\nunextendedBank:\nbaselineDifference:\n"}},
+      {"clean", {}, {}, {clean + "mismatchedPcr:\nunextendedBank:\nunverifiedBank:\nbaselineDifference:\n"}},
       {"a PCR that differs", [](Switch &s) { s.pcr("sha256", 4, String(32, 'x')); }, {},
        {clean + "mismatchedPcr: sha256:4\nunextendedBank:\n",
         "warning: PCR sha256:4 does not match the firmware's event log replayed\n"}},
-      {"a bank enabled but not in the log", [](Switch &s) { s.pcr("sha384", 0, String(48, '\0')); }, {},
-       {"unextendedBank: sha384\n", "warning: PCR bank sha384 is enabled on the TPM but the firmware never extended it\n"}},
-      {"a bank left at zero",
-       [](Switch &s) { for (std::uint32_t i = 0; i < 8; ++i) s.pcr("sha1", i, String(20, '\0')); }, {}, {"mismatchedPcr: sha1:0 sha1:1 sha1:2 sha1:3 sha1:4 sha1:5 sha1:6 sha1:7\nunextendedBank: sha1\n"}},
+      {"a bank enabled that nothing extended", [&](Switch &s) { bank(s, "sha384", String(48, '\0')); }, {},
+       {"unextendedBank: sha384\nunverifiedBank:\n",
+        "warning: PCR bank sha384 is enabled on the TPM but the firmware never extended it\n"}},
+      // Older firmware: a SHA-1 log on a TPM whose sha256 bank it extended too.
+      {"a bank extended that the log does not carry", [&](Switch &s) { log(s, sha1Layout); }, {},
+       {"format sha1, 13 events\nlogBank: sha1\nreplayedBank: sha1\nmismatchedPcr:\nunextendedBank:\n"
+        "unverifiedBank: sha256\n"}},
+      {"a bank left at zero", [&](Switch &s) { bank(s, "sha1", String(20, '\0')); }, {},
+       {"mismatchedPcr: " + sha1 + "\nunextendedBank: sha1\n"}},
+      {"a log bank the TPM lacks", [&](Switch &s) { remove(s, "root/sys/class/tpm/tpm0/pcr-sha1"); }, {},
+       {"logBank: sha1 sha256\nreplayedBank: sha256\nmismatchedPcr:\nunextendedBank:\nunverifiedBank:\n"}},
+      {"the kernel's folder of sm3_256", [&](Switch &s) { bank(s, "sm3", String(32, '\x5a')); }, {},
+       {"unverifiedBank: sm3_256\n"}},
+      {"a log of its header alone", [&](Switch &s) { log(s, {}); }, {},
+       {"format crypto-agile, 1 events\nlogBank: sha1 sha256\nreplayedBank: sha1 sha256\nmismatchedPcr: " + sha1 +
+        " sha256:0 sha256:1 sha256:2 sha256:3 sha256:4 sha256:5 sha256:6 sha256:7\n"}},
+      {"a log without the events of PCR 7", [&](Switch &s) { log(s, withoutPcr7); }, {},
+       {"mismatchedPcr: sha1:7 sha256:7\n"}},
+      {"an event on PCR 1000", [&](Switch &s) { log(s, withPcr1000); }, {},
+       {"why eventLogFormat: /sys/kernel/security/tpm0/binary_bios_measurements: byte " +
+        std::to_string(writeEventLog(boot()).size()) + ": event 14 at byte " +
+        std::to_string(writeEventLog(boot()).size()) + ": its PCR index 1000 is past 23"}},
       {"a truncated log",
        [](Switch &s) { s.host.sw.file(kLog, slurp(s.host.sw.path() + "/" + kLog).substr(0, 300)); }, {},
        {"why eventLogFormat: /sys/kernel/security/tpm0/binary_bios_measurements: byte 2", "why baselineDifference: "}},
@@ -100,7 +129,7 @@ TEST(EvidenceHost, ReplaysTheLogAgainstEveryBankOfTheTpm) {
        [&](Switch &s) { remove(s, "root/sys/class/tpm/tpm0/pcr-sha1"), remove(s, "root/sys/class/tpm/tpm0/pcr-sha256"); },
        {"--tcti", "swtpm:host=127.0.0.1,port=1"},
        {"replayedBank:\n", "why replayedBank: cannot reach the TPM through swtpm:host=127.0.0.1,port=1",
-        "why mismatchedPcr: cannot reach", "why unextendedBank: cannot reach"}},
+        "why mismatchedPcr: cannot reach", "why unextendedBank: cannot reach", "why unverifiedBank: cannot reach"}},
    };
    for (auto const &row : rows) {
       SCOPED_TRACE(row.name);
@@ -111,6 +140,14 @@ TEST(EvidenceHost, ReplaysTheLogAgainstEveryBankOfTheTpm) {
       // Reasons where the row expects some, and only there.
       bool const broken = std::any_of(row.lines.begin(), row.lines.end(), [](auto const &l) { return l.starts_with("why"); });
       EXPECT_EQ(got.find("\nwhy ") != String::npos, broken) << got;
+      // A warning for each mismatched PCR and unextended bank, none for an unverified one.
+      auto const members = [&](String const &set) {
+         auto const at = got.find("\n" + set + ":");
+         return at == String::npos ? 0 : std::count(got.begin() + at + 1, got.begin() + got.find('\n', at + 1), ' ');
+      };
+      std::ptrdiff_t lines = 0;
+      for (std::size_t at = 0; (at = got.find("warning: ", at)) != String::npos; ++at) ++lines;
+      EXPECT_EQ(lines, members("mismatchedPcr") + members("unextendedBank")) << got;
    }
 }
 

@@ -10,16 +10,18 @@
 #include "Sentrel/platform/RunCommand.h"
 #include "Sentrel/platform/Sysroot.h"
 #include "TestSupport.h"
-#include "host/evidence/EventLog.h"
 #include "host/evidence/PcrValues.h"
 
 using namespace SentrelTest;
 using namespace SentrelEvidence;
+using SentrelHost::readPcrValues;
 
 namespace {
 
-// Each bank's values, problem and hint, by algorithm.
-using Banks = std::map<std::uint16_t, std::tuple<std::map<std::uint32_t, String>, String, String>>;
+// Each bank's values, problem and hint, by name.
+using Banks = std::map<String, std::tuple<std::map<std::uint32_t, String>, String, String>>;
+using Pcrs = std::bitset<kPcrCount>;
+constexpr std::chrono::seconds kDeadline{10};
 
 String hexOf(String const &bytes, char const *digits = "0123456789abcdef") {
    String text;
@@ -46,9 +48,11 @@ std::uint16_t freePort(int *held = nullptr) {
    return ntohs(a.sin_port);
 }
 
-void expectBanks(PcrValues const &v, Banks const &expected) {
+void expectBanks(TpmPcrs const &v, Banks const &expected) {
    Banks got;
-   for (auto const &[algorithm, bank] : v.banks) got[algorithm] = {bank.values, bank.problem, bank.hint};
+   for (auto const &[name, bank] : v.banks) {
+      got[name] = {bank.values, bank.problem ? bank.problem->why : "", bank.problem ? bank.problem->hint : ""};
+   }
    EXPECT_EQ(got, expected);
 }
 
@@ -88,36 +92,36 @@ struct PcrValuesSwtpm : ::testing::Test {
 
 TEST(PcrValuesSysfs, ValuesAndTheProblemOfEachBank) {
    String const sha1 = digest("SHA1", "pcr 0"), sha256 = digest("SHA256", "pcr 7"), pcrs = "/sys/class/tpm/tpm0/pcr-";
-   // The files below .../pcr-, the PCRs wanted, each bank's values, problem and hint, the banks enabled.
-   std::vector<std::tuple<std::map<String, String>, std::map<std::uint16_t, std::set<std::uint32_t>>, Banks,
-                          std::vector<String>>> const cases{
+   // The files below .../pcr-, the PCRs wanted, each enabled bank's values, problem and hint.
+   std::vector<std::tuple<std::map<String, String>, Pcrs, Banks>> const cases{
       // The kernel's upper-case hex and newline, or neither; a missing file leaves the others read.
-      {{{"sha1/0", hexOf(sha1)}, {"sha256/7", hexOf(sha256, "0123456789ABCDEF") + "\n"}},
-       {{kAlgSha1, {0}}, {kAlgSha256, {5, 7}}, {kAlgSha384, {0}}},
-       {{kAlgSha1, {{{0, sha1}}, "", ""}},
-        {kAlgSha256, {{{7, sha256}}, "cannot open " + pcrs + "sha256/5: No such file or directory", ""}},
-        {kAlgSha384, {{}, "the TPM has no sha384 bank (no " + pcrs + "sha384)", ""}}}, {"sha1", "sha256"}},
-      // A NUL, two hex digits too many or too few, a file too large.
+      {{{"sha1/0", hexOf(sha1)}, {"sha1/5", hexOf(sha1)}, {"sha1/7", hexOf(sha1)},
+        {"sha256/7", hexOf(sha256, "0123456789ABCDEF") + "\n"}},
+       Pcrs(1 << 0 | 1 << 5 | 1 << 7),
+       {{"sha1", {{{0, sha1}, {5, sha1}, {7, sha1}}, "", ""}},
+        {"sha256", {{{7, sha256}}, "cannot open " + pcrs + "sha256/0: No such file or directory", ""}}}},
+      // A NUL, two hex digits too many or too few, a file too large; the
+      // kernel's folder of sm3_256 is pcr-sm3.
       {{{"sha1/0", String(20, '0') + '\0' + String(19, '0')}, {"sha256/0", hexOf(sha256) + "00\n"},
-        {"sm3_256/0", hexOf(sha256).substr(2) + "\n"}, {"sha512/0", String(1000, '0')}},
-       {{kAlgSha1, {0}}, {kAlgSha256, {0}}, {kAlgSha512, {0}}, {kAlgSm3_256, {0}}},
-       {{kAlgSha1, {{}, pcrs + "sha1/0 holds characters other than hex digits, not 40 hex digits", ""}},
-        {kAlgSha256, {{}, pcrs + "sha256/0 holds 66 characters, not 64 hex digits", ""}},
-        {kAlgSm3_256, {{}, pcrs + "sm3_256/0 holds 62 characters, not 64 hex digits", ""}},
-        {kAlgSha512, {{}, pcrs + "sha512/0 larger than 256 bytes", ""}}}, {"sha1", "sha256", "sha512", "sm3_256"}},
+        {"sm3/0", hexOf(sha256).substr(2) + "\n"}, {"sha512/0", String(1000, '0')}, {"sm3/1", hexOf(sha256)}},
+       Pcrs(1 << 0 | 1 << 1),
+       {{"sha1", {{}, pcrs + "sha1/0 holds characters other than hex digits, not 40 hex digits", ""}},
+        {"sha256", {{}, pcrs + "sha256/0 holds 66 characters, not 64 hex digits", ""}},
+        {"sm3_256", {{{1, sha256}}, pcrs + "sm3/0 holds 62 characters, not 64 hex digits", ""}},
+        {"sha512", {{}, pcrs + "sha512/0 larger than 256 bytes", ""}}}},
    };
-   for (auto const &[files, wanted, banks, enabled] : cases) {
+   for (auto const &[files, wanted, banks] : cases) {
       TempDir root;
       Loom::sysrootIs(root.path());
       for (auto const &[name, content] : files) root.file(pcrs.substr(1) + name, content);
-      PcrValues const v = readPcrValues(wanted, std::nullopt);
-      EXPECT_EQ(v.enabledBanks, enabled);
+      TpmPcrs const v = readPcrValues(wanted, {kAlgSha1}, std::nullopt, kDeadline);
+      EXPECT_FALSE(v.enabledBanksUnknown);
       expectBanks(v, banks);
    }
    Loom::sysrootIs("");
 }
 
-TEST(PcrValuesUnreachableTpm, WhyItCannotBeReachedIsEachBanksProblem) {
+TEST(PcrValuesUnreachableTpm, WhyItCannotBeReachedIsEachLogBanksProblem) {
    TempDir root;
    Loom::sysrootIs(root.path());
    // A kernel older than 5.12 has the TPM's folder but no PCR files.
@@ -135,34 +139,30 @@ TEST(PcrValuesUnreachableTpm, WhyItCannotBeReachedIsEachBanksProblem) {
        "cannot read the TPM's PCR allocation through cmd:sleep 1: tcti:Response is malformed (0x000a0011)", ""},
    };
    for (auto const &[tcti, problem, hint] : cases) {
-      PcrValues const v = readPcrValues({{kAlgSha1, {0}}, {kAlgSha256, {0, 1}}}, tcti);
-      EXPECT_EQ(v.enabledBanksProblem, problem);
-      EXPECT_EQ(v.enabledBanksHint, hint);
-      expectBanks(v, {{kAlgSha1, {{}, problem, hint}}, {kAlgSha256, {{}, problem, hint}}});
+      TpmPcrs const v = readPcrValues(Pcrs(3), {kAlgSha1, kAlgSha256}, tcti, kDeadline);
+      ASSERT_TRUE(v.enabledBanksUnknown);
+      EXPECT_EQ(v.enabledBanksUnknown->why, problem);
+      EXPECT_EQ(v.enabledBanksUnknown->hint, hint);
+      expectBanks(v, {{"sha1", {{}, problem, hint}}, {"sha256", {{}, problem, hint}}});
    }
    close(s);
    Loom::sysrootIs("");
 }
 
-TEST_F(PcrValuesSwtpm, ValuesAreReadAsExtendedEightAtATime) {
-   std::set<std::uint32_t> const pcrs{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16},
-      beyond{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 24, 40};
-   // Each extended in both banks: reading them takes three commands.
-   std::map<std::uint16_t, std::map<std::uint32_t, String>> values;
+TEST_F(PcrValuesSwtpm, ValuesOfEveryEnabledBankAreReadEightAtATime) {
+   Pcrs const pcrs(0x1ffff);  // 0-16: three commands a bank
+   std::map<String, std::map<std::uint32_t, String>> values;
    String command = "tpm2_pcrextend -T " + tcti;
-   for (auto const i : pcrs) {
+   for (std::uint32_t i = 0; i < 17; ++i) {
       String const event = "event " + std::to_string(i), d1 = digest("SHA1", event), d256 = digest("SHA256", event);
-      values[kAlgSha1][i] = digest("SHA1", String(20, '\0') + d1);
-      values[kAlgSha256][i] = digest("SHA256", String(32, '\0') + d256);
+      values["sha1"][i] = digest("SHA1", String(20, '\0') + d1);
+      values["sha256"][i] = digest("SHA256", String(32, '\0') + d256);
       command += " " + std::to_string(i) + ":sha1=" + hexOf(d1) + ",sha256=" + hexOf(d256);
    }
    auto const r = Loom::runCommandForOutput(command + " 2>&1");
    ASSERT_EQ(r.exitCode, 0) << r.output;
-   // PCRs beyond the TPM's 24, and beyond what a selection can name, are not returned.
-   PcrValues const v = readPcrValues({{kAlgSha1, pcrs}, {kAlgSha256, beyond}, {kAlgSha384, {0}}}, tcti);
-   EXPECT_EQ(v.enabledBanks, (std::vector<String>{"sha1", "sha256"}));
-   expectBanks(v, {{kAlgSha1, {values[kAlgSha1], "", ""}},
-                   {kAlgSha256, {values[kAlgSha256], "the TPM did not return sha256 PCR 24, 40 through " + tcti, ""}},
-                   {kAlgSha384,
-                    {{}, "the TPM has no sha384 bank (none in its PCR allocation, read through " + tcti + ")", ""}}});
+   // The TPM's banks, whatever the log's.
+   TpmPcrs const v = readPcrValues(pcrs, {kAlgSha384}, tcti, kDeadline);
+   EXPECT_FALSE(v.enabledBanksUnknown);
+   expectBanks(v, {{"sha1", {values["sha1"], "", ""}}, {"sha256", {values["sha256"], "", ""}}});
 }

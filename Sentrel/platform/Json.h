@@ -15,7 +15,7 @@ inline constexpr unsigned kMaxJsonDepth = 256;
 }
 
 #ifdef RAPIDJSON_ASSERT
-#error "RapidJSON must be included through Sentrel/platform/Json.h only"
+#error "RapidJSON must be included through one gate only: this one, or evidence/Json.h in the evidence core"
 #endif
 #define RAPIDJSON_ASSERT(x) \
    ((x) ? static_cast<void>(0) : ::Loom::assertionFailed(#x, __FILE__, __LINE__))

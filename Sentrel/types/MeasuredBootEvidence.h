@@ -15,6 +15,7 @@ namespace Sentrel {
    X(set, Loom::StringSet, replayedBank, {})         \
    X(set, Loom::StringSet, mismatchedPcr, {})        \
    X(set, Loom::StringSet, unextendedBank, {})       \
+   X(set, Loom::StringSet, unverifiedBank, {})       \
    X(set, Loom::StringSet, baselineDifference, {})
 
 // The firmware's event log replayed against the TPM's PCRs, and compared

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <optional>
 
 #include "Sentrel/platform/Ledger.h"
@@ -8,7 +9,7 @@
 // Measured boot evidence: the firmware's event log replayed against the
 // TPM's PCRs, bank by bank, and compared with the fleet's baseline,
 // published as the entity sentrel/measuredBootEvidence.
-namespace SentrelEvidence {
+namespace SentrelHost {
 
 using Loom::String;
 
@@ -20,6 +21,7 @@ struct EvidenceOptions {
    std::optional<String> tcti;      // how to reach the TPM when sysfs has no PCR values
    std::optional<String> baseline;  // the fleet's baseline; else the default one, where it exists
    bool writeBaseline = false;      // make this machine's log a baseline
+   std::chrono::milliseconds tpmDeadline{10000};  // for each command to the TPM
 };
 
 struct EvidenceResult {
@@ -34,8 +36,8 @@ struct EvidenceResult {
 // PCR, unextended bank and difference from the baseline.
 EvidenceResult measuredBootEvidence(Ledger::EntityManager &em, EvidenceOptions const &options);
 
-}  // namespace SentrelEvidence
+}  // namespace SentrelHost
 
 // What the host finds in the module by name: measuredBootEvidence.
 extern "C" __attribute__((visibility("default"))) void sentrelMeasuredBootEvidence(
-   Ledger::EntityManager *em, SentrelEvidence::EvidenceOptions const *options, SentrelEvidence::EvidenceResult *out);
+   Ledger::EntityManager *em, SentrelHost::EvidenceOptions const *options, SentrelHost::EvidenceResult *out);

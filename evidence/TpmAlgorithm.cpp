@@ -1,6 +1,6 @@
-#include "host/evidence/EventLog.h"
+#include "evidence/TpmAlgorithm.h"
 
-#include <iterator>
+#include <cstdio>
 #include <openssl/crypto.h>
 
 namespace SentrelEvidence {
@@ -27,6 +27,21 @@ TpmAlgorithm const *tpmAlgorithm(std::string_view name) {
       if (a.name == name) return &a;
    }
    return nullptr;
+}
+
+String algorithmName(std::uint16_t id) {
+   if (auto const *a = tpmAlgorithm(id)) return String(a->name);
+   char text[8];
+   std::snprintf(text, sizeof text, "0x%04x", static_cast<unsigned>(id));
+   return text;
+}
+
+String hexOf(std::string_view bytes) {
+   static constexpr char kDigits[] = "0123456789abcdef";
+   String out;
+   out.reserve(2 * bytes.size());
+   for (unsigned char const c : bytes) out += {kDigits[c >> 4], kDigits[c & 15]};
+   return out;
 }
 
 std::optional<String> bytesOfHex(std::string_view hex) {

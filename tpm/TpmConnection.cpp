@@ -1,11 +1,11 @@
-#include "host/evidence/TpmConnection.h"
+#include "tpm/TpmConnection.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <tss2/tss2_rc.h>
 #include <tss2/tss2_tctildr.h>
 
-namespace SentrelEvidence {
+namespace SentrelTpm {
 
 namespace {
 // How long one read of the TCTI waits before ESYS asks again: the deadline
@@ -13,16 +13,17 @@ namespace {
 constexpr std::int32_t kReadTimeoutMs = 100;
 }  // namespace
 
-TpmConnection::TpmConnection(String const &tcti) {
+TpmConnection::TpmConnection(String const &tcti, std::chrono::milliseconds deadline, String name)
+    : name_(name.empty() ? tcti : std::move(name)), deadline_(deadline) {
    // tpm2-tss prints its own errors on standard error; ours say each once,
    // naming the configuration. TSS2_LOG set by the user still wins.
    setenv("TSS2_LOG", "all+none", 0);
-   failure_ = Tss2_TctiLdr_Initialize(tcti.c_str(), &tcti_);
+   failure_ = Tss2_TctiLdr_Initialize(tcti.c_str(), &tctiContext_);
    if (failure_ != TSS2_RC_SUCCESS) {
-      tcti_ = nullptr;
+      tctiContext_ = nullptr;
       return;
    }
-   failure_ = Esys_Initialize(&esys_, tcti_, nullptr);
+   failure_ = Esys_Initialize(&esys_, tctiContext_, nullptr);
    if (failure_ != TSS2_RC_SUCCESS) {
       esys_ = nullptr;
       return;
@@ -33,18 +34,19 @@ TpmConnection::TpmConnection(String const &tcti) {
 
 TpmConnection::~TpmConnection() {
    if (esys_) Esys_Finalize(&esys_);
-   if (tcti_) Tss2_TctiLdr_Finalize(&tcti_);
+   if (tctiContext_) Tss2_TctiLdr_Finalize(&tctiContext_);
 }
 
-String responseText(TSS2_RC rc) {
+String TpmConnection::responseText(TSS2_RC rc) const {
    char number[16];
    std::snprintf(number, sizeof number, "0x%08x", static_cast<unsigned>(rc));
    String const decoded = Tss2_RC_Decode(rc);
-   if (TpmConnection::tryAgain(rc)) {
-      return "no response within " + std::to_string(TpmConnection::kResponseDeadline.count()) + " seconds (" +
-             decoded + ", " + number + ")";
+   if (tryAgain(rc)) {
+      auto const ms = deadline_.count();
+      String const within = ms % 1000 == 0 ? std::to_string(ms / 1000) + " seconds" : std::to_string(ms) + " ms";
+      return "no response within " + within + " (" + decoded + ", " + number + ")";
    }
    return decoded + " (" + number + ")";
 }
 
-}  // namespace SentrelEvidence
+}  // namespace SentrelTpm

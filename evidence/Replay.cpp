@@ -1,4 +1,4 @@
-#include "host/evidence/Replay.h"
+#include "evidence/Replay.h"
 
 #include <algorithm>
 #include <memory>
@@ -22,16 +22,12 @@ struct BankReplay {
    std::uint16_t algorithm;
    std::unique_ptr<EVP_MD, MdFree> md;
    std::unique_ptr<EVP_MD_CTX, CtxFree> ctx;
-   PcrBank *pcrs;
+   ReplayedBank *bank;
    bool failed = false;
 
-   void extend(std::uint32_t pcr, String const &digest, std::optional<std::uint8_t> startupLocality) {
-      auto [at, fresh] = pcrs->try_emplace(pcr);
-      String &value = at->second;
-      if (fresh) {
-         value.assign(static_cast<std::size_t>(EVP_MD_get_size(md.get())), '\0');
-         if (pcr == 0 && startupLocality) value.back() = static_cast<char>(*startupLocality);
-      }
+   void extend(std::uint32_t pcr, String const &digest) {
+      String &value = bank->values[pcr];
+      bank->extended.set(pcr);
       auto *const out = reinterpret_cast<unsigned char *>(value.data());
       failed = failed || !EVP_DigestInit_ex(ctx.get(), md.get(), nullptr) ||
                !EVP_DigestUpdate(ctx.get(), value.data(), value.size()) ||
@@ -42,6 +38,12 @@ struct BankReplay {
 
 }  // namespace
 
+String resetValue(std::uint32_t pcr, std::size_t digestSize, std::optional<std::uint8_t> startupLocality) {
+   String value(digestSize, '\0');
+   if (pcr == 0 && startupLocality && digestSize > 0) value.back() = static_cast<char>(*startupLocality);
+   return value;
+}
+
 Replay replayEventLog(EventLog const &log) {
    Replay replay;
    std::vector<BankReplay> banks;
@@ -49,18 +51,23 @@ Replay replayEventLog(EventLog const &log) {
       auto const *a = tpmAlgorithm(id);
       std::unique_ptr<EVP_MD, MdFree> md(a ? EVP_MD_fetch(nullptr, a->evpName, nullptr) : nullptr);
       std::unique_ptr<EVP_MD_CTX, CtxFree> ctx(EVP_MD_CTX_new());
-      if (md && ctx) {
-         banks.push_back(BankReplay{id, std::move(md), std::move(ctx), &replay.banks[id]});
-      } else {
+      if (!md || !ctx || static_cast<std::size_t>(EVP_MD_get_size(md.get())) != a->digestSize) {
          replay.uncomputable.push_back(id);
+         continue;
       }
+      ReplayedBank &bank = replay.banks[id];
+      for (std::uint32_t pcr = 0; pcr < kPcrCount; ++pcr) {
+         bank.values[pcr] = resetValue(pcr, a->digestSize, log.startupLocality);
+      }
+      banks.push_back(BankReplay{id, std::move(md), std::move(ctx), &bank});
    }
    for (auto const &e : log.events) {
-      if (e.type == EV_NO_ACTION) continue;
+      // checkEvents holds every index below kPcrCount; one past it is not extended.
+      if (e.type == EV_NO_ACTION || e.pcr >= kPcrCount) continue;
       for (auto const &d : e.digests) {
          auto const bank = std::find_if(banks.begin(), banks.end(),
                                         [&](BankReplay const &b) { return b.algorithm == d.algorithm; });
-         if (bank != banks.end()) bank->extend(e.pcr, d.bytes, log.startupLocality);
+         if (bank != banks.end()) bank->extend(e.pcr, d.bytes);
       }
    }
    for (auto const &b : banks) {

@@ -1,4 +1,4 @@
-#include "host/evidence/EventNames.h"
+#include "evidence/EventNames.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -62,27 +62,15 @@ constexpr std::size_t kMaxComponentBytes = 256;
 
 // The little-endian integer of `size` bytes at `at`, the caller having
 // checked that they are there.
-std::uint64_t littleEndian(std::string_view data, std::size_t at, std::size_t size) {
-   std::uint64_t n = 0;
-   for (std::size_t i = size; i-- > 0;) n = n << 8 | static_cast<unsigned char>(data[at + i]);
-   return n;
+std::uint64_t fieldAt(std::string_view data, std::size_t at, std::size_t size) {
+   return littleEndian(data.substr(at, size));
 }
 
-// Appends a character so that it shows as itself wherever the text goes
-// (a terminal, the system log, a metric label): control characters as \xHH,
-// and what is not a character or would reorder the text around it as U+FFFD.
-void appendPrintable(String &out, char32_t c) {
-   static char const hex[] = "0123456789abcdef";
-   if (c < 0x20 || c == 0x7F) {
-      out += "\\x";
-      out += hex[c >> 4];
-      out += hex[c & 0xF];
-      return;
-   }
-   if ((c >= 0x80 && c < 0xA0) || (c >= 0xD800 && c < 0xE000) || (c >= 0x202A && c <= 0x202E) ||
-       (c >= 0x2066 && c <= 0x2069) || c > 0x10FFFF) {
-      c = 0xFFFD;
-   }
+// Appends a character in UTF-8; what is not one (half of a UTF-16 pair)
+// as U+FFFD. Nothing is escaped here: whoever shows the text to people does
+// that, and the text stays as the firmware wrote it for everyone else.
+void appendUtf8(String &out, char32_t c) {
+   if ((c >= 0xD800 && c < 0xE000) || c > 0x10FFFF) c = 0xFFFD;
    if (c < 0x80) {
       out += static_cast<char>(c);
    } else if (c < 0x800) {
@@ -104,18 +92,20 @@ void appendPrintable(String &out, char32_t c) {
 String capped(String text) {
    if (text.size() <= kMaxComponentBytes) return text;
    std::size_t end = kMaxComponentBytes;
-   while ((static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+   // A UTF-8 character has at most three continuation bytes; raw 8-bit
+   // text may have more in a row, and is then cut anywhere.
+   for (int back = 0; back < 3 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80; ++back) --end;
    text.resize(end);
    return text + "...";
 }
 
-// Bytes (ASCII) or UTF-16LE code units as printable text. The text ends at
+// Bytes (ASCII) or UTF-16LE code units as text. The text ends at
 // its first NUL, and anything but NULs after that makes the data binary, not
 // text: none then. An odd last byte of UTF-16 is no character.
 String textOf(std::string_view bytes, bool utf16) {
    std::size_t const units = utf16 ? bytes.size() / 2 : bytes.size();
    auto const unit = [&](std::size_t i) -> char32_t {
-      return utf16 ? static_cast<char32_t>(littleEndian(bytes, 2 * i, 2)) : static_cast<unsigned char>(bytes[i]);
+      return utf16 ? static_cast<char32_t>(fieldAt(bytes, 2 * i, 2)) : static_cast<unsigned char>(bytes[i]);
    };
    std::size_t end = 0;
    while (end < units && unit(end) != 0) ++end;
@@ -127,12 +117,12 @@ String textOf(std::string_view bytes, bool utf16) {
       char32_t c = unit(i);
       bool const pair = utf16 && c >= 0xD800 && c < 0xDC00 && i + 1 < end && unit(i + 1) >= 0xDC00 &&
                         unit(i + 1) < 0xE000;
-      if (pair) {
-         c = 0x10000 + ((c - 0xD800) << 10) + (unit(++i) - 0xDC00);
-      } else if (!utf16 && c >= 0x80) {
-         c = 0xFFFD;  // not ASCII: firmware text has no agreed 8-bit encoding
+      if (pair) c = 0x10000 + ((c - 0xD800) << 10) + (unit(++i) - 0xDC00);
+      if (utf16) {
+         appendUtf8(out, c);
+      } else {
+         out += static_cast<char>(c);  // 8-bit text has no agreed encoding: its bytes as they are
       }
-      appendPrintable(out, c);
    }
    return capped(std::move(out));
 }
@@ -147,8 +137,8 @@ String actionText(std::string_view data) {
 String guidText(std::string_view g) {
    char text[40];
    std::snprintf(text, sizeof text, "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x",
-                 static_cast<unsigned>(littleEndian(g, 0, 4)), static_cast<unsigned>(littleEndian(g, 4, 2)),
-                 static_cast<unsigned>(littleEndian(g, 6, 2)), static_cast<unsigned char>(g[8]),
+                 static_cast<unsigned>(fieldAt(g, 0, 4)), static_cast<unsigned>(fieldAt(g, 4, 2)),
+                 static_cast<unsigned>(fieldAt(g, 6, 2)), static_cast<unsigned char>(g[8]),
                  static_cast<unsigned char>(g[9]), static_cast<unsigned char>(g[10]),
                  static_cast<unsigned char>(g[11]), static_cast<unsigned char>(g[12]),
                  static_cast<unsigned char>(g[13]), static_cast<unsigned char>(g[14]),
@@ -166,8 +156,8 @@ String nodeDescription(std::string_view node) {
    char text[64];
    if (type == 4 && subtype == 8 && node.size() >= 24) {
       std::snprintf(text, sizeof text, "Offset(0x%llx,0x%llx)",
-                    static_cast<unsigned long long>(littleEndian(node, 8, 8)),
-                    static_cast<unsigned long long>(littleEndian(node, 16, 8)));
+                    static_cast<unsigned long long>(fieldAt(node, 8, 8)),
+                    static_cast<unsigned long long>(fieldAt(node, 16, 8)));
    } else {
       std::snprintf(text, sizeof text, "Path(%u,%u)", static_cast<unsigned>(type), static_cast<unsigned>(subtype));
    }
@@ -180,13 +170,13 @@ String nodeDescription(std::string_view node) {
 String imagePath(std::string_view data) {
    constexpr std::size_t kHeader = 32;
    if (data.size() < kHeader) return {};
-   std::uint64_t const length = littleEndian(data, 24, 8);
+   std::uint64_t const length = fieldAt(data, 24, 8);
    if (length > data.size() - kHeader) return {};
    std::string_view path = data.substr(kHeader, length), last;
    String file;
    while (!path.empty()) {
       if (path.size() < 4) return {};
-      std::size_t const nodeLength = littleEndian(path, 2, 2);
+      std::size_t const nodeLength = fieldAt(path, 2, 2);
       if (nodeLength < 4 || nodeLength > path.size()) return {};
       std::string_view const node = path.substr(0, nodeLength);
       path.remove_prefix(nodeLength);
@@ -208,7 +198,7 @@ String imagePath(std::string_view data) {
 String variableName(std::string_view data) {
    constexpr std::size_t kHeader = 32;
    if (data.size() < kHeader) return {};
-   std::uint64_t const nameChars = littleEndian(data, 16, 8), valueLength = littleEndian(data, 24, 8);
+   std::uint64_t const nameChars = fieldAt(data, 16, 8), valueLength = fieldAt(data, 24, 8);
    std::size_t const room = data.size() - kHeader;
    if (nameChars > room / 2 || valueLength > room - nameChars * 2) return {};
    return textOf(data.substr(kHeader, nameChars * 2), true);

@@ -2,13 +2,12 @@
 
 #include <chrono>
 #include <memory>
+#include <string>
 #include <tss2/tss2_esys.h>
 
-#include "Sentrel/platform/String.h"
+namespace SentrelTpm {
 
-namespace SentrelEvidence {
-
-using Loom::String;
+using String = std::string;
 
 // A TPM reached through ESYS over a TCTI named by the loader's configuration
 // ("device:/dev/tpmrm0", "swtpm:host=127.0.0.1,port=2321"). Both contexts are
@@ -16,7 +15,13 @@ using Loom::String;
 // the resource manager did that.
 class TpmConnection {
  public:
-   explicit TpmConnection(String const &tcti);
+   static constexpr std::chrono::milliseconds kDefaultDeadline{10000};
+
+   // `deadline`: how long the response to one command is awaited; `name`:
+   // how messages name the TPM, when not by `tcti` (which may hold a path
+   // below a system root).
+   explicit TpmConnection(String const &tcti, std::chrono::milliseconds deadline = kDefaultDeadline,
+                          String name = {});
    TpmConnection(TpmConnection const &) = delete;
    TpmConnection &operator=(TpmConnection const &) = delete;
    ~TpmConnection();
@@ -24,19 +29,26 @@ class TpmConnection {
    // Null when the connection failed; failure() then says why.
    ESYS_CONTEXT *esys() const { return esys_; }
    TSS2_RC failure() const { return failure_; }
+   // The TCTI as messages name it.
+   String const &tcti() const { return name_; }
 
    // Calls `finish`, an ESYS _Finish step of a command sent with its _Async
-   // step, until the response is in or kResponseDeadline has passed: a TPM
-   // that never answers must not hang the run.
+   // step, until the response is in or the deadline has passed: a TPM that
+   // never answers must not hang its caller.
    template <class Finish>
    TSS2_RC await(Finish &&finish) const {
-      auto const deadline = std::chrono::steady_clock::now() + kResponseDeadline;
+      auto const deadline = std::chrono::steady_clock::now() + deadline_;
       for (;;) {
          TSS2_RC const rc = finish();
          if (!tryAgain(rc) || std::chrono::steady_clock::now() >= deadline) return rc;
       }
    }
-   static constexpr std::chrono::seconds kResponseDeadline{10};
+
+   // A response code as tpm2-tss decodes it, with its number:
+   // "tcti:IO failure (0x000a000a)"; a response still awaited at the
+   // deadline says so.
+   String responseText(TSS2_RC rc) const;
+
    // The response is not in yet.
    static bool tryAgain(TSS2_RC rc) { return (rc & ~TSS2_RC_LAYER_MASK) == TSS2_BASE_RC_TRY_AGAIN; }
    // The TPM answered, with success or an error of its own. After any other
@@ -44,7 +56,9 @@ class TpmConnection {
    static bool answered(TSS2_RC rc) { return (rc & TSS2_RC_LAYER_MASK) == TSS2_TPM_RC_LAYER; }
 
  private:
-   TSS2_TCTI_CONTEXT *tcti_ = nullptr;
+   String name_;
+   std::chrono::milliseconds deadline_;
+   TSS2_TCTI_CONTEXT *tctiContext_ = nullptr;
    ESYS_CONTEXT *esys_ = nullptr;
    TSS2_RC failure_ = TSS2_RC_SUCCESS;
 };
@@ -56,9 +70,4 @@ struct EsysFree {
 template <class T>
 using EsysBuffer = std::unique_ptr<T, EsysFree>;
 
-// A response code as tpm2-tss decodes it, with its number:
-// "tcti:IO failure (0x000a000a)"; a response still awaited at the deadline
-// says so.
-String responseText(TSS2_RC rc);
-
-}  // namespace SentrelEvidence
+}  // namespace SentrelTpm

@@ -1,13 +1,13 @@
-#include "host/evidence/Baseline.h"
-
 #include <algorithm>
+#include <charconv>
 #include <optional>
 
-#include "Sentrel/platform/Json.h"
-#include "host/evidence/EventNames.h"
+#include "evidence/Cel.h"
+#include "evidence/EventNames.h"
+#include "evidence/Json.h"
 
-// The fleet's baseline file read back: a SAX pass over the JSON that keeps
-// byte offsets for its problems.
+// A canonical event log read back: a SAX pass over the JSON that keeps byte
+// offsets for its problems.
 namespace SentrelEvidence {
 
 namespace {
@@ -18,9 +18,22 @@ String lowerCase(std::string_view s) {
    return out;
 }
 
+// A number written as text, in decimal or with 0x in hex; none for any
+// other text.
+std::optional<std::uint64_t> numberOfText(std::string_view text) {
+   int base = 10;
+   if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+      text.remove_prefix(2);
+      base = 16;
+   }
+   std::uint64_t n = 0;
+   auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), n, base);
+   if (text.empty() || error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+   return n;
+}
+
 // CEL's own number of the PC Client content type, for a file that gives numbers.
 constexpr std::uint64_t kPcClientContentType = 5;
-
 
 struct PendingDigest {
    std::size_t offset = 0;
@@ -46,11 +59,11 @@ struct PendingRecord {
 
 // Reads the records in one pass over the text, keeping what a record says
 // until its end, where it is checked whole: members come in any order.
-class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, BaselineReader> {
+class CelReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, CelReader> {
  public:
    // The reader does not copy a memory stream, as it does a string stream:
    // the handler sees where the reader is.
-   BaselineReader(std::string_view text, rapidjson::MemoryStream const &stream) : text_(text), stream_(stream) {}
+   CelReader(std::string_view text, rapidjson::MemoryStream const &stream) : text_(text), stream_(stream) {}
 
    bool Default() { return value({}); }
    bool Bool(bool b) { return value({.kind = Kind::Bool, .flag = b}); }
@@ -67,7 +80,7 @@ class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ba
    bool EndObject(rapidjson::SizeType) { return close(); }
    bool EndArray(rapidjson::SizeType) { return close(); }
 
-   Baseline records;
+   std::vector<Event> events;
    std::optional<EventLogProblem> problem;
 
  private:
@@ -94,7 +107,8 @@ class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ba
    bool value(Value v) {
       v.offset = start(v.kind == Kind::Object || v.kind == Kind::Array);
       if (where_.empty()) {
-         return v.kind == Kind::Array ? open(Where::Records, v) : fail(v.offset, "a baseline is an array of records");
+         return v.kind == Kind::Array ? open(Where::Records, v)
+                                      : fail(v.offset, "a canonical event log is an array of records");
       }
       switch (where_.back()) {
          case Where::Records: return record(v);
@@ -108,16 +122,12 @@ class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ba
    }
 
    bool open(Where w, Value const &v) {
-      if (where_.size() >= Loom::kMaxJsonDepth) {
-         return fail(v.offset, "nested deeper than " + std::to_string(Loom::kMaxJsonDepth) + " levels");
-      }
+      if (where_.size() >= kMaxJsonDepth) return fail(v.offset, concat("nested deeper than ", kMaxJsonDepth, " levels"));
       where_.push_back(w);
       return true;
    }
    // A value we do not read: an array or object is walked through all the same.
-   bool other(Value const &v) {
-      return v.kind == Kind::Object || v.kind == Kind::Array ? open(Where::Other, v) : true;
-   }
+   bool other(Value const &v) { return v.kind == Kind::Object || v.kind == Kind::Array ? open(Where::Other, v) : true; }
    bool close() {
       start(true);
       Where const w = where_.back();
@@ -127,18 +137,23 @@ class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ba
       return true;
    }
 
-   bool fail(std::size_t offset, Loom::String what) {
+   bool fail(std::size_t offset, SentrelEvidence::String what) {
       problem = EventLogProblem{offset, std::move(what)};
       return false;
    }
-   Loom::String recordName() const { return "record " + std::to_string(record_.index); }
+   SentrelEvidence::String recordName() const { return concat("record ", record_.index); }
    bool wrongType(Value const &v, char const *expected) {
-      return fail(v.offset, recordName() + ": \"" + key_ + "\" is not " + expected);
+      return fail(v.offset, concat(recordName(), ": \"", key_, "\" is not ", expected));
+   }
+   // A number, given as one or as text.
+   static std::optional<std::uint64_t> numberOf(Value const &v) {
+      if (v.kind == Kind::Number) return v.number;
+      return v.kind == Kind::Text ? numberOfText(v.text) : std::nullopt;
    }
 
    bool record(Value const &v) {
-      if (v.kind != Kind::Object) return fail(v.offset, "record " + std::to_string(recordsSeen_) + " is not an object");
-      if (recordsSeen_ == kMaxEvents) return fail(v.offset, "more than " + std::to_string(kMaxEvents) + " records");
+      if (v.kind != Kind::Object) return fail(v.offset, concat("record ", recordsSeen_, " is not an object"));
+      if (recordsSeen_ == kMaxEvents) return fail(v.offset, concat("more than ", kMaxEvents, " records"));
       record_ = PendingRecord{.index = recordsSeen_++, .offset = v.offset};
       return open(Where::Record, v);
    }
@@ -155,10 +170,11 @@ class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ba
          record_.digests.emplace();
          return open(Where::Digests, v);
       } else if (key_ == "content_type") {
-         if (v.kind == Kind::Text) {
+         auto const n = numberOf(v);
+         if (n) {
+            record_.pcClient = *n == kPcClientContentType;
+         } else if (v.kind == Kind::Text) {
             record_.pcClient = lowerCase(v.text) == "pcclient_std";
-         } else if (v.kind == Kind::Number) {
-            record_.pcClient = v.number == kPcClientContentType;
          } else {
             return wrongType(v, "a name or a number");
          }
@@ -182,17 +198,17 @@ class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ba
 
    bool digestMember(Value const &v) {
       if (key_ == "hashAlg") {
-         if (v.kind == Kind::Text) {
+         if (auto const n = numberOf(v)) {
+            digest_.algorithm = *n <= UINT16_MAX ? tpmAlgorithm(static_cast<std::uint16_t>(*n)) : nullptr;
+         } else if (v.kind == Kind::Text) {
             digest_.algorithm = tpmAlgorithm(lowerCase(v.text));
-         } else if (v.kind == Kind::Number) {
-            digest_.algorithm = v.number <= UINT16_MAX ? tpmAlgorithm(static_cast<std::uint16_t>(v.number)) : nullptr;
          } else {
             return wrongType(v, "a name or a number");
          }
          digest_.named = true;
       } else if (key_ == "digest") {
          if (v.kind != Kind::Text) return wrongType(v, "a string");
-         digest_.hex = Loom::String(v.text);
+         digest_.hex = SentrelEvidence::String(v.text);
          digest_.hexOffset = v.offset;
       }
       return other(v);
@@ -205,12 +221,12 @@ class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ba
       if (!a) return true;  // an algorithm we do not know, kept out
       auto bytes = bytesOfHex(*digest_.hex);
       if (!bytes || bytes->size() != a->digestSize) {
-         return fail(digest_.hexOffset, recordName() + ": the " + Loom::String(a->name) + " digest is not " +
-                                           std::to_string(2 * a->digestSize) + " hex digits");
+         return fail(digest_.hexOffset,
+                     concat(recordName(), ": the ", a->name, " digest is not ", 2 * a->digestSize, " hex digits"));
       }
       auto &digests = *record_.digests;
       if (std::ranges::any_of(digests, [&](Digest const &d) { return d.algorithm == a->id; })) {
-         return fail(digest_.offset, recordName() + ": a second " + Loom::String(a->name) + " digest");
+         return fail(digest_.offset, concat(recordName(), ": a second ", a->name, " digest"));
       }
       digests.push_back({a->id, std::move(*bytes)});
       return true;
@@ -218,13 +234,10 @@ class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ba
 
    bool contentMember(Value const &v) {
       if (key_ == "event_type") {
-         if (v.kind == Kind::Number && v.number <= UINT32_MAX) {
-            record_.type = static_cast<std::uint32_t>(v.number);
-         } else if (v.kind == Kind::Text && eventType(v.text)) {
-            record_.type = eventType(v.text);
-         } else {
-            return wrongType(v, "an event type");
-         }
+         auto type = numberOf(v);
+         if (!type && v.kind == Kind::Text) type = eventType(v.text);
+         if (!type || *type > UINT32_MAX) return wrongType(v, "an event type");
+         record_.type = static_cast<std::uint32_t>(*type);
       } else if (key_ == "event_data") {
          auto bytes = v.kind == Kind::Text ? bytesOfHex(v.text) : std::nullopt;
          if (!bytes) return wrongType(v, "hex");
@@ -236,7 +249,7 @@ class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ba
    bool endRecord() {
       PendingRecord &r = record_;
       auto const missing = [&](std::size_t offset, char const *member) {
-         return fail(offset, recordName() + ": no \"" + member + "\"");
+         return fail(offset, concat(recordName(), ": no \"", member, "\""));
       };
       if (!r.pcClient) return missing(r.offset, "content_type");
       if (!*r.pcClient) return true;  // a record of another kind of content
@@ -247,8 +260,8 @@ class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ba
       if (!r.contentIsObject) return fail(*r.contentOffset, recordName() + ": \"content\" is not an object");
       if (!r.type) return missing(*r.contentOffset, "event_type");
       if (!r.data) return missing(*r.contentOffset, "event_data");
-      records.push_back({static_cast<std::size_t>(*r.recnum), *r.pcr, *r.type, std::move(*r.digests),
-                         std::move(*r.data), r.machineUnique});
+      events.push_back({static_cast<std::size_t>(*r.recnum), r.offset, *r.pcr, *r.type, std::move(*r.digests),
+                        std::move(*r.data), r.machineUnique});
       return true;
    }
 
@@ -256,26 +269,59 @@ class BaselineReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ba
    rapidjson::MemoryStream const &stream_;
    std::size_t last_ = 0;
    std::vector<Where> where_;
-   Loom::String key_;
+   SentrelEvidence::String key_;
    std::size_t recordsSeen_ = 0;
    PendingRecord record_;
    PendingDigest digest_;
 };
 
+// What the binary log's header would say: the crypto-agile header record's
+// algorithms, or without one the algorithms the events carry, in the order
+// of their ids (a SHA-1 layout when that is sha1 alone).
+std::optional<EventLogProblem> describe(EventLog &log) {
+   Event const *header = log.events.empty() ? nullptr : &log.events.front();
+   if (header && header->type == EV_NO_ACTION && header->data.starts_with(kCryptoAgileSignature)) {
+      auto algorithms = headerAlgorithms(header->data, 0);
+      if (auto const *why = std::get_if<String>(&algorithms)) {
+         return EventLogProblem{header->offset, concat("event ", header->number, " at byte ", header->offset,
+                                                       ": in its event_data, ", *why)};
+      }
+      log.format = EventLogFormat::CryptoAgile;
+      log.algorithms = std::move(std::get<0>(algorithms));
+      return std::nullopt;
+   }
+   for (Event const &e : log.events) {
+      for (Digest const &d : e.digests) {
+         if (e.type != EV_NO_ACTION) log.algorithms.push_back(d.algorithm);
+      }
+   }
+   std::sort(log.algorithms.begin(), log.algorithms.end());
+   log.algorithms.erase(std::unique(log.algorithms.begin(), log.algorithms.end()), log.algorithms.end());
+   bool const sha1Only = log.algorithms.size() == 1 && log.algorithms.front() == kAlgSha1;
+   log.format = log.algorithms.empty() || sha1Only ? EventLogFormat::Sha1 : EventLogFormat::CryptoAgile;
+   return std::nullopt;
+}
+
 }  // namespace
 
-std::variant<Baseline, EventLogProblem> parseBaseline(std::string_view json) {
+std::variant<EventLog, EventLogProblem> parseCanonicalEventLog(std::string_view json) {
    if (auto const nul = json.find('\0'); nul != std::string_view::npos) {
       return EventLogProblem{nul, "a NUL byte is not JSON"};
    }
    rapidjson::MemoryStream stream(json.data(), json.size());
-   BaselineReader reader(json, stream);
+   CelReader reader(json, stream);
    rapidjson::Reader parser;
    auto const result =
       parser.Parse<rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag>(stream, reader);
    if (reader.problem) return std::move(*reader.problem);
    if (result.IsError()) return EventLogProblem{result.Offset(), rapidjson::GetParseError_En(result.Code())};
-   return std::move(reader.records);
+   EventLog log;
+   log.events = std::move(reader.events);
+   if (auto problem = describe(log)) return std::move(*problem);
+   for (Event const &e : log.events) {
+      if (auto problem = checkEvent(e, log)) return std::move(*problem);
+   }
+   return log;
 }
 
 }  // namespace SentrelEvidence

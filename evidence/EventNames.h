@@ -4,7 +4,7 @@
 #include <optional>
 #include <string_view>
 
-#include "host/evidence/EventLog.h"
+#include "evidence/EventLog.h"
 
 // What an event of the firmware's log is, in the words of the TCG PC Client
 // event types and of the event's own data.
@@ -17,8 +17,9 @@ String eventTypeName(std::uint32_t type);
 // name that is not one.
 std::optional<std::uint32_t> eventType(std::string_view name);
 
-// What the event says it measured, as printable text of at most a few
-// hundred characters: the UEFI variable's name, the loaded image's file path
+// What the event says it measured, as the firmware wrote it (UTF-16 as
+// UTF-8), at most a few hundred bytes and unescaped: the text's reader
+// escapes it for people. the UEFI variable's name, the loaded image's file path
 // (or its device path's last node), the action or version text. Empty for
 // other types and for data that is malformed.
 String eventComponent(Event const &event);

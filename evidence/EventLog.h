@@ -7,31 +7,11 @@
 #include <variant>
 #include <vector>
 
-#include "Sentrel/platform/String.h"
+#include "evidence/TpmAlgorithm.h"
 
-// The firmware's TPM event log (TCG PC Client format), as read from
-// securityfs or a collected file: the events, their digests per algorithm,
-// and the startup locality.
+// The firmware's TPM event log (TCG PC Client format): the events, their
+// digests per algorithm, and the startup locality.
 namespace SentrelEvidence {
-
-using Loom::String;
-
-// An algorithm of the TCG registry that a log may carry.
-struct TpmAlgorithm {
-   std::uint16_t id;
-   std::string_view name;  // as the TPM names its banks: "sha1", "sha256", ...
-   std::size_t digestSize;
-   char const *evpName;  // OpenSSL's name of the digest
-};
-// sha1, sha256, sha384, sha512, sm3_256; null for any other.
-TpmAlgorithm const *tpmAlgorithm(std::uint16_t id);
-TpmAlgorithm const *tpmAlgorithm(std::string_view name);
-
-inline constexpr std::uint16_t kAlgSha1 = 0x0004;
-inline constexpr std::uint16_t kAlgSha256 = 0x000B;
-inline constexpr std::uint16_t kAlgSha384 = 0x000C;
-inline constexpr std::uint16_t kAlgSha512 = 0x000D;
-inline constexpr std::uint16_t kAlgSm3_256 = 0x0012;
 
 // Event types this project reads the data of.
 inline constexpr std::uint32_t EV_POST_CODE = 0x00000001;
@@ -48,7 +28,12 @@ inline constexpr std::uint32_t EV_EFI_RUNTIME_SERVICES_DRIVER = 0x80000005;
 inline constexpr std::uint32_t EV_EFI_ACTION = 0x80000007;
 inline constexpr std::uint32_t EV_EFI_VARIABLE_AUTHORITY = 0x800000E0;
 
+// A PC Client TPM has PCRs 0 to 23.
+inline constexpr std::uint32_t kPcrCount = 24;
+
 enum class EventLogFormat { CryptoAgile, Sha1 };
+// "crypto-agile" or "sha1".
+std::string_view eventLogFormatName(EventLogFormat format);
 
 // The first 16 bytes of the crypto-agile header event's data, NUL included,
 // spelled as the bytes they are.
@@ -61,14 +46,19 @@ struct Digest {
 };
 
 struct Event {
-   std::size_t number;  // position in the log, from 0 (the header is event 0)
-   std::size_t offset;  // byte offset where the event starts
+   // Of a binary log the position, from 0 (the header is event 0); of a
+   // canonical event log the record's recnum.
+   std::size_t number;
+   std::size_t offset;  // byte offset where the event or record starts
    std::uint32_t pcr;
    std::uint32_t type;
    // Known algorithms only, in the log's order; the crypto-agile header
    // (event 0) has the zero SHA-1 digest of its own layout.
    std::vector<Digest> digests;
    String data;
+   // A baseline's mark on an event that differs from machine to machine of
+   // a model (a MAC address, a serial number): skipped when compared.
+   bool machineUnique = false;
 };
 
 struct EventLog {
@@ -92,12 +82,20 @@ struct EventLogProblem {
 inline constexpr std::size_t kMaxEventLogBytes = std::size_t{16} << 20;
 inline constexpr std::size_t kMaxEvents = 100000;
 
-// The bytes that hex text (either case, no separators) stands for; none
-// when it is anything else.
-std::optional<String> bytesOfHex(std::string_view hex);
-
-// Parses a whole log. Every length is checked against what remains, so a
-// truncated or malformed log is a problem at a byte offset, never a crash.
+// Parses a whole binary log. Every length is checked against what remains,
+// so a truncated or malformed log is a problem at a byte offset, never a crash.
 std::variant<EventLog, EventLogProblem> parseEventLog(std::string_view bytes);
+
+// What every event must hold, however the log was read: its PCR index is
+// one a PC Client TPM has, and a StartupLocality event has its locality,
+// which is set in `log`. Why not, otherwise.
+std::optional<EventLogProblem> checkEvent(Event const &event, EventLog &log);
+
+// The known algorithms that a crypto-agile header's data declares, or why
+// it declares none that can be read; `at` is where the data starts in the
+// log, for the problem's text. Unknown algorithms are skipped; their sizes
+// come back in `sizes` (id, digest size), in the header's order, when asked.
+std::variant<std::vector<std::uint16_t>, String> headerAlgorithms(
+   std::string_view data, std::size_t at, std::vector<std::pair<std::uint16_t, std::uint16_t>> *sizes = nullptr);
 
 }  // namespace SentrelEvidence
