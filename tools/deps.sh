@@ -6,7 +6,9 @@
 set -euo pipefail
 build=(g++ cmake make rapidjson-dev
        # the measured boot evidence module
-       libssl-dev libtss2-dev pkg-config)
+       libssl-dev libtss2-dev pkg-config
+       # remote attestation over gRPC
+       libgrpc++-dev libprotobuf-dev protobuf-compiler protobuf-compiler-grpc)
 test=(clang libgtest-dev libgmock-dev libbenchmark-dev libclang-rt-14-dev valgrind python3
       # the Debian package, its checks, the manual page and the units
       debhelper dpkg-dev fakeroot lintian man-db groff-base systemd git
