@@ -1,11 +1,5 @@
-#include <csignal>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <openssl/evp.h>
-#include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "Sentrel/platform/RunCommand.h"
 #include "Sentrel/platform/Sysroot.h"
@@ -36,18 +30,6 @@ String digest(char const *evpName, String const &data) {
    return String(reinterpret_cast<char const *>(out), size);
 }
 
-// A free loopback port, bound by a new socket that nothing listens on: kept
-// in `*held`, else closed.
-std::uint16_t freePort(int *held = nullptr) {
-   sockaddr_in a{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
-   socklen_t size = sizeof a;
-   int const s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-   EXPECT_EQ(bind(s, reinterpret_cast<sockaddr *>(&a), size), 0);
-   getsockname(s, reinterpret_cast<sockaddr *>(&a), &size);
-   if (held) *held = s; else close(s);
-   return ntohs(a.sin_port);
-}
-
 void expectBanks(TpmPcrs const &v, Banks const &expected) {
    Banks got;
    for (auto const &[name, bank] : v.banks) {
@@ -56,36 +38,17 @@ void expectBanks(TpmPcrs const &v, Banks const &expected) {
    EXPECT_EQ(got, expected);
 }
 
-// A software TPM with the sha1 and sha256 banks on two loopback ports,
-// killed and its state removed however the test ends.
+// A software TPM with the sha1 and sha256 banks, and no sysfs PCR files:
+// the TPM is asked.
 struct PcrValuesSwtpm : ::testing::Test {
    void SetUp() override {
-      for (char const *tool : {"swtpm", "swtpm_setup", "tpm2_pcrextend"}) {
-         if (Loom::runCommandForOutput(String("command -v ") + tool).exitCode) GTEST_SKIP() << tool << " is missing";
-      }
-      Loom::sysrootIs(state.path());  // no sysfs PCR files: the TPM is asked
-      // The daemon, orphaned by the swtpm that starts it, stays this process's child to be reaped.
-      ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
-      // swtpm returns once it serves both ports, or has failed to bind them:
-      // another process may take one after the probe, so others are tried.
-      Loom::CommandResult r;
-      for (int attempt = 0; attempt < 5 && r.exitCode != 0; ++attempt) {
-         String const port = std::to_string(freePort());
-         tcti = "swtpm:host=127.0.0.1,port=" + port;
-         r = Loom::runCommandForOutput(
-            "exec 2>&1; d=" + state.path() + " p=" + port + "; swtpm_setup --tpm2 --pcr-banks sha1,sha256 --tpmstate $d"
-            " --overwrite && swtpm socket --tpm2 --daemon --pid file=$d/pid --tpmstate dir=$d --server type=tcp,port=$p"
-            " --ctrl type=tcp,port=$((p + 1)) --flags not-need-init,startup-clear");
-      }
-      ASSERT_EQ(r.exitCode, 0) << r.output;
+      if (!tpm.running()) GTEST_SKIP() << tpm.failure();
+      if (Loom::runCommandForOutput("command -v tpm2_pcrextend").exitCode) GTEST_SKIP() << "tpm2-tools is missing";
+      Loom::sysrootIs(root.path());
    }
-   void TearDown() override {
-      String const pid = slurp(state.path() + "/pid");
-      if (!pid.empty() && kill(std::stoi(pid), SIGKILL) == 0) waitpid(std::stoi(pid), nullptr, 0);
-      Loom::sysrootIs("");
-   }
-   TempDir state;
-   String tcti;
+   void TearDown() override { Loom::sysrootIs(""); }
+   SoftwareTpm tpm;
+   TempDir root;
 };
 
 }  // namespace
@@ -127,7 +90,7 @@ TEST(PcrValuesUnreachableTpm, WhyItCannotBeReachedIsEachLogBanksProblem) {
    // A kernel older than 5.12 has the TPM's folder but no PCR files.
    root.file("sys/class/tpm/tpm0/tpm_version_major", "2\n");
    int s = -1;
-   String const closed = "swtpm:host=127.0.0.1,port=" + std::to_string(freePort(&s)), dir = root.path();
+   String const closed = "swtpm:host=127.0.0.1,port=" + std::to_string(freeLoopbackPort(&s)), dir = root.path();
    // The TCTI named, the problem and the hint.
    std::vector<std::tuple<std::optional<String>, String, String>> const cases{
       {closed, "cannot reach the TPM through " + closed + ": tcti:IO failure (0x000a000a)", ""},
@@ -152,7 +115,7 @@ TEST(PcrValuesUnreachableTpm, WhyItCannotBeReachedIsEachLogBanksProblem) {
 TEST_F(PcrValuesSwtpm, ValuesOfEveryEnabledBankAreReadEightAtATime) {
    Pcrs const pcrs(0x1ffff);  // 0-16: three commands a bank
    std::map<String, std::map<std::uint32_t, String>> values;
-   String command = "tpm2_pcrextend -T " + tcti;
+   String command = "tpm2_pcrextend -T " + tpm.tcti();
    for (std::uint32_t i = 0; i < 17; ++i) {
       String const event = "event " + std::to_string(i), d1 = digest("SHA1", event), d256 = digest("SHA256", event);
       values["sha1"][i] = digest("SHA1", String(20, '\0') + d1);
@@ -162,7 +125,7 @@ TEST_F(PcrValuesSwtpm, ValuesOfEveryEnabledBankAreReadEightAtATime) {
    auto const r = Loom::runCommandForOutput(command + " 2>&1");
    ASSERT_EQ(r.exitCode, 0) << r.output;
    // The TPM's banks, whatever the log's.
-   TpmPcrs const v = readPcrValues(pcrs, {kAlgSha384}, tcti, kDeadline);
+   TpmPcrs const v = readPcrValues(pcrs, {kAlgSha384}, tpm.tcti(), kDeadline);
    EXPECT_FALSE(v.enabledBanksUnknown);
    expectBanks(v, {{"sha1", {values["sha1"], "", ""}}, {"sha256", {values["sha256"], "", ""}}});
 }

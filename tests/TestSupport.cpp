@@ -5,9 +5,15 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include "Sentrel/platform/RunCommand.h"
 #include "Sentrel/types/StateTree.h"
 
 namespace SentrelTest {
@@ -144,6 +150,66 @@ Ptr<Ledger::EntityManager> seededLedger() {
    auto em = Loom::make<Ledger::EntityManager>();
    Sentrel::stateTreeSeed(*em);
    return em;
+}
+
+std::uint16_t freeLoopbackPort(int *held) {
+   sockaddr_in a{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
+   socklen_t size = sizeof a;
+   int const s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+   EXPECT_EQ(bind(s, reinterpret_cast<sockaddr *>(&a), size), 0);
+   getsockname(s, reinterpret_cast<sockaddr *>(&a), &size);
+   if (held) {
+      *held = s;
+   } else {
+      close(s);
+   }
+   return ntohs(a.sin_port);
+}
+
+SoftwareTpm::SoftwareTpm(String const &banks) : banks_(banks) {
+   for (char const *tool : {"swtpm", "swtpm_setup"}) {
+      if (Loom::runCommandForOutput(String("command -v ") + tool).exitCode != 0) {
+         failure_ = String(tool) + " is not installed";
+         return;
+      }
+   }
+   // The daemon, orphaned by the swtpm that starts it, stays this process's child to be reaped.
+   if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) {
+      failure_ = "cannot become the subreaper of swtpm's daemon";
+      return;
+   }
+   start(true);
+}
+
+SoftwareTpm::~SoftwareTpm() { stop(); }
+
+bool SoftwareTpm::start(bool manufacture) {
+   // swtpm returns once it serves both ports, or has failed to bind them:
+   // another process may take one after the probe, so others are tried.
+   Loom::CommandResult r;
+   for (int attempt = 0; attempt < 5 && r.exitCode != 0; ++attempt) {
+      String const port = std::to_string(freeLoopbackPort());
+      tcti_ = "swtpm:host=127.0.0.1,port=" + port;
+      String const setup = manufacture ? "swtpm_setup --tpm2 --pcr-banks " + banks_ + " --tpmstate $d --overwrite && "
+                                       : String();
+      r = Loom::runCommandForOutput("exec 2>&1; d=" + state_.path() + " p=" + port + "; " + setup +
+                                    "swtpm socket --tpm2 --daemon --pid file=$d/pid --tpmstate dir=$d"
+                                    " --server type=tcp,port=$p --ctrl type=tcp,port=$((p + 1))"
+                                    " --flags not-need-init,startup-clear");
+   }
+   failure_ = r.exitCode == 0 ? String() : "swtpm did not start: " + r.output;
+   return running();
+}
+
+void SoftwareTpm::stop() {
+   String const pid = slurp(state_.path() + "/pid");
+   if (!pid.empty() && kill(std::stoi(pid), SIGKILL) == 0) waitpid(std::stoi(pid), nullptr, 0);
+   std::filesystem::remove(state_.path() + "/pid");
+}
+
+bool SoftwareTpm::restart() {
+   stop();
+   return start(false);
 }
 
 }  // namespace SentrelTest

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -114,6 +115,34 @@ template <class T>
 Ptr<T> entityAt(Ledger::EntityManager const &em, char const *path) {
    return Loom::ptrCast<T>(em.lookup(path));
 }
+
+// A free loopback port, bound by a new socket that nothing listens on: kept
+// in `*held`, else closed.
+std::uint16_t freeLoopbackPort(int *held = nullptr);
+
+// A software TPM (swtpm) on loopback, manufactured with the PCR banks
+// `banks` ("sha1,sha256") and its state in a folder of its own; killed and
+// its state removed with the object, however the test ends. Tests skip
+// themselves when it is not running(): failure() says why.
+class SoftwareTpm {
+ public:
+   explicit SoftwareTpm(String const &banks = "sha1,sha256");
+   SoftwareTpm(SoftwareTpm const &) = delete;
+   ~SoftwareTpm();
+   bool running() const { return failure_.empty(); }
+   String const &failure() const { return failure_; }
+   // The TCTI that reaches it: "swtpm:host=127.0.0.1,port=N".
+   String const &tcti() const { return tcti_; }
+   // Stops it and starts it again on its state, as a switch's reboot does:
+   // the PCRs start anew, persistent objects stay. False when it does not.
+   bool restart();
+
+ private:
+   bool start(bool manufacture);
+   void stop();
+   TempDir state_;
+   String banks_, tcti_, failure_;
+};
 
 }  // namespace SentrelTest
 
