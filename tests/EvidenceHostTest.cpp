@@ -177,6 +177,11 @@ TEST(EvidenceHost, TheFleetBaselineNamesTheFirstEventThatDiffers) {
       expectLines(got, {row.lines});
       EXPECT_EQ(got.find("why"), String::npos) << got;
    }
+   // People read the boot path as the firmware wrote it, one backslash a separator.
+   auto const report = Switch(boot("\\EFI\\debian\\grubx64.efi")).host.run({"--live", "--baseline", baseline});
+   EXPECT_NE(report.out.find("  baselineDifference  " + grub + "\n"), String::npos) << report.out;
+   EXPECT_NE(report.out.find("PCR 4 differs from the baseline from " + grub.substr(3) + "\n"), String::npos)
+      << report.out;
 }
 
 TEST(EvidenceHost, NoTpm2NoEvidenceAndACollectedLogStandsAlone) {
