@@ -1,3 +1,4 @@
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <set>
 
@@ -49,5 +50,19 @@ TEST(SampleSwitch, ShowsEveryKindOfWarningOnIntelAndAmd) {
       EXPECT_EQ(kinds, (std::set<String>{"TARN_DEPRECATION_WARNING", "MEASUREDBOOT_PCR_CONFIG_WARNING",
                                          "SENTREL_WARNING", "MEASUREDBOOT_EVIDENCE_WARNING"}));
       EXPECT_TRUE(d["entities"]["sentrel/firstInstructionSecurity"]["systemFused"].GetBool());
+      // One story: the inputs say what the TPM whose log is replayed has.
+      auto const &sb = d["entities"]["tarn/sb/status"];
+      EXPECT_EQ(sb["statusFlags"].GetUint() & 32, 32u) << "measured boot on";
+      std::set<String> inputs, tpm;
+      for (auto const &b : sb["enabledPcrBank"].GetArray()) inputs.insert(b.GetString());
+      for (auto const &e : std::filesystem::directory_iterator(SENTREL_SOURCE_DIR "/examples/switch/" + String(variant) +
+                                                                "/root/sys/class/tpm/tpm0")) {
+         if (e.path().filename().string().starts_with("pcr-")) tpm.insert(e.path().filename().string().substr(4));
+      }
+      EXPECT_EQ(inputs, tpm);
+      auto const &evidence = d["entities"]["sentrel/measuredBootEvidence"];
+      for (char const *set : {"mismatchedPcr", "unextendedBank", "baselineDifference"}) {
+         EXPECT_EQ(evidence[set].Size(), 1u) << set;
+      }
    }
 }
