@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -38,24 +37,8 @@ char const kCpuinfo[] = "/proc/cpuinfo";
 // An efivarfs file: the variable's 4-byte attributes word, then its data.
 std::size_t const kEfiAttributesSize = 4;
 
-// The names in a folder below the system root, or the errno of listing it.
-std::vector<String> listDir(char const *path, int &err) {
-   std::vector<String> names;
-   err = 0;
-   DIR *d = opendir(Loom::sysrootPath(path).c_str());
-   if (!d) {
-      err = errno;
-      return names;
-   }
-   while (dirent *e = readdir(d)) {
-      if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) names.emplace_back(e->d_name);
-   }
-   closedir(d);
-   return names;
-}
-
 // A pseudo file system mounted at `path` is never empty.
-bool mounted(char const *path, int &err) { return !listDir(path, err).empty(); }
+bool mounted(char const *path, int &err) { return !Loom::listSystemDir(path, err).empty(); }
 
 class Reader {
  public:

@@ -1,13 +1,11 @@
 #pragma once
 
 #include <algorithm>
-#include <cerrno>
-#include <dirent.h>
 #include <string_view>
 #include <vector>
 
 #include "Sentrel/platform/String.h"
-#include "Sentrel/platform/Sysroot.h"
+#include "Sentrel/platform/ReadFile.h"
 
 // The TPM as the kernel shows it in sysfs, below the system root.
 namespace SentrelHost {
@@ -25,18 +23,11 @@ inline constexpr std::string_view kSm3Bank = "sm3_256";
 // their TPM names, sorted; `err` is the errno of listing the folder, or 0.
 inline std::vector<String> sysfsPcrBanks(int &err) {
    std::vector<String> banks;
-   err = 0;
-   DIR *d = opendir(Loom::sysrootPath(kTpmFolder).c_str());
-   if (!d) {
-      err = errno;
-      return banks;
+   for (std::string_view const name : Loom::listSystemDir(kTpmFolder, err)) {
+      if (name.starts_with("pcr-") && name.size() > 4) {
+         banks.emplace_back(name.substr(4) == kSm3Folder ? kSm3Bank : name.substr(4));
+      }
    }
-   while (dirent const *e = readdir(d)) {
-      std::string_view const name = e->d_name;
-      if (!name.starts_with("pcr-") || name.size() == 4) continue;
-      banks.emplace_back(name.substr(4) == kSm3Folder ? kSm3Bank : name.substr(4));
-   }
-   closedir(d);
    std::sort(banks.begin(), banks.end());
    return banks;
 }

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -72,6 +73,22 @@ FileText readWholeFile(String const &path, std::size_t maxBytes) {
 
 FileText readSystemFile(char const *path, std::size_t maxBytes) {
    return readWholeFile(sysrootPath(path), maxBytes);
+}
+
+std::vector<String> listSystemDir(char const *path, int &err) {
+   std::vector<String> names;
+   err = 0;
+   DIR *d = opendir(sysrootPath(path).c_str());
+   if (!d) {
+      err = errno;
+      return names;
+   }
+   while (dirent const *e = readdir(d)) {
+      std::string_view const name = e->d_name;
+      if (name != "." && name != "..") names.emplace_back(name);
+   }
+   closedir(d);
+   return names;
 }
 
 int statSystemPath(char const *path, bool *dir) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vector>
+
 #include <cstddef>
 
 #include "Sentrel/platform/Export.h"
@@ -36,6 +38,10 @@ LOOM_API FileText readSystemFile(char const *path, std::size_t maxBytes = kMaxFi
 // errno of stat(2) on a fixed system path below the system root, 0 when it
 // exists; `dir` tells whether it is a folder.
 LOOM_API int statSystemPath(char const *path, bool *dir = nullptr);
+// The names in a fixed system folder below the system root, but "." and
+// "..", in the order the folder lists them; `err` is the errno of opening
+// it, or 0.
+LOOM_API std::vector<String> listSystemDir(char const *path, int &err);
 
 // Reads an open descriptor to its end; it stays open.
 LOOM_API FileText readWholeFd(int fd, std::size_t maxBytes);
