@@ -195,6 +195,7 @@ struct AttestdSwtpm : ::testing::Test {
    void SetUp() override {
       if (!tpm.running()) GTEST_SKIP() << tpm.failure();
       if (sh("command -v tpm2_checkquote").exitCode != 0) GTEST_SKIP() << "tpm2-tools is not installed";
+      if (sh("command -v openssl").exitCode != 0) GTEST_SKIP() << "openssl is not installed";
       String extend = "tpm2_pcrextend";
       for (int const pcr : {0, 1, 2, 4, 7, 9, 14, 23}) {
          extend += " " + std::to_string(pcr) + ":sha1=" + hex(randomBytes(20)) + ",sha256=" + hex(randomBytes(32));
@@ -503,7 +504,6 @@ TEST_F(AttestdSwtpm, ThePersistedKeyStillQuotesAfterTheTpmRestarts) {
 }
 
 TEST_F(AttestdSwtpm, TlsAndClientCertificates) {
-   if (sh("command -v openssl").exitCode != 0) GTEST_SKIP() << "openssl is not installed";
    // A CA, and from it the switch's certificate for 127.0.0.1 and a verifier's.
    String const d = dir.path();
    auto const made = sh(
