@@ -19,7 +19,8 @@ String shown(String const &s) {
    String out;
    for (std::size_t i = 0; i < s.size() && i < kMax; ++i) {
       unsigned char const c = static_cast<unsigned char>(s[i]);
-      out += c >= 0x20 && c < 0x7f && c != '"' && c != '\\' ? String(1, char(c)) : concat("\\x", SentrelEvidence::hexOf(String(1, char(c))));
+      out += c >= 0x20 && c < 0x7f && c != '"' && c != '\\' ? String(1, char(c))
+                                                            : concat("\\x", SentrelEvidence::hexOf(String(1, char(c))));
    }
    if (s.size() > kMax) out += "...";
    return '"' + out + '"';
@@ -76,7 +77,8 @@ std::variant<QuoteWanted, grpc::Status> checkAttestRequest(AttestRequest const &
                         ": select the card by role ACTIVE or by its serial");
       case ControlCardSelection::kSerial:
          if (card.serial.empty()) {
-            return notFound("the control card's serial is not known here (DMI product_serial): select it by role ACTIVE");
+            return notFound(
+               "the control card's serial is not known here (DMI product_serial): select it by role ACTIVE");
          }
          if (selection.serial() != card.serial) {
             return notFound("no control card has the serial " + shown(selection.serial()) + "; this one's is " +
@@ -88,14 +90,16 @@ std::variant<QuoteWanted, grpc::Status> checkAttestRequest(AttestRequest const &
       case ControlCardSelection::CONTROL_CARD_ID_NOT_SET:
          return invalid("control_card_selection is empty: select the card by role ACTIVE or by its serial");
    }
-   if (request.nonce().empty()) return invalid("the nonce is empty: without one, a quote recorded once could be replayed");
+   if (request.nonce().empty())
+      return invalid("the nonce is empty: without one, a quote recorded once could be replayed");
    if (request.nonce().size() > SentrelTpm::kMaxNonceBytes) {
       return invalid(concat("the nonce has ", request.nonce().size(), " bytes, more than the ",
                             SentrelTpm::kMaxNonceBytes, " a quote holds"));
    }
    TPMI_ALG_HASH const bank = bankOf(request.hash_algo());
    if (bank == TPM2_ALG_NULL) {
-      return invalid(concat("hash_algo ", static_cast<int>(request.hash_algo()), " names no PCR bank: SHA1, SHA256, SHA384 or SHA512"));
+      return invalid(concat("hash_algo ", static_cast<int>(request.hash_algo()),
+                            " names no PCR bank: SHA1, SHA256, SHA384 or SHA512"));
    }
    if (request.pcr_indices().empty()) return invalid("pcr_indices is empty: name the PCRs to quote");
    QuoteWanted wanted{bank, {}, request.nonce()};

@@ -22,14 +22,16 @@ grpc::ServerUnaryReactor *AttestService::Attest(grpc::CallbackServerContext *con
       finish(*refused);
       return reactor;
    }
-   bool const queued = worker_.offer([this, context, response, finish, wanted = std::move(std::get<QuoteWanted>(checked))] {
-      // A caller that gave up while it waited is not worth the TPM's time.
-      if (context->IsCancelled()) {
-         finish({grpc::StatusCode::CANCELLED, "the caller cancelled the request, or its deadline passed, while it waited for the TPM"});
-         return;
-      }
-      finish(attestor_.attest(wanted, *response));
-   });
+   bool const queued =
+      worker_.offer([this, context, response, finish, wanted = std::move(std::get<QuoteWanted>(checked))] {
+         // A caller that gave up while it waited is not worth the TPM's time.
+         if (context->IsCancelled()) {
+            finish({grpc::StatusCode::CANCELLED,
+                    "the caller cancelled the request, or its deadline passed, while it waited for the TPM"});
+            return;
+         }
+         finish(attestor_.attest(wanted, *response));
+      });
    if (!queued && worker_.closed()) {
       finish({grpc::StatusCode::UNAVAILABLE, "the service is stopping"});
    } else if (!queued) {
@@ -47,4 +49,3 @@ bool AttestService::drain(std::chrono::milliseconds grace) {
 }
 
 }  // namespace SentrelAttestd
-

@@ -76,8 +76,8 @@ int priorityOf(grpc::StatusCode code) {
 String pemFile(char const *option, String const &path, bool privateKey) {
    auto file = readFileText(path, path, kMaxPemBytes);
    if (!file.problem.empty()) throw UsageError(String(option) + " " + file.problem);
-   std::unique_ptr<BIO, decltype(&BIO_free)> const bio(BIO_new_mem_buf(file.text.data(), static_cast<int>(file.text.size())),
-                                                       BIO_free);
+   std::unique_ptr<BIO, decltype(&BIO_free)> const bio(
+      BIO_new_mem_buf(file.text.data(), static_cast<int>(file.text.size())), BIO_free);
    int count = 0;
    if (privateKey) {
       EVP_PKEY *key = PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr);
@@ -147,8 +147,8 @@ int manageKey(Options const &o) {
                    SentrelTpm::handleText(o.akHandle).c_str());
       return 1;
    }
-   String const name = SentrelEvidence::hexOf(std::string_view(reinterpret_cast<char const *>(pub->name.name),
-                                                               std::min<std::size_t>(pub->name.size, sizeof pub->name.name)));
+   String const name = SentrelEvidence::hexOf(std::string_view(
+      reinterpret_cast<char const *>(pub->name.name), std::min<std::size_t>(pub->name.size, sizeof pub->name.name)));
    if (o.action == Action::CreateAk) {
       std::fprintf(stderr, "%s: made the attestation key at %s\n", kIdent, SentrelTpm::handleText(o.akHandle).c_str());
    }
@@ -179,9 +179,8 @@ int serve(Options const &o) {
 
    CardIdentity const card = setup.card;
    Attestor attestor(std::move(setup));
-   AttestService service(card, attestor, o.maxQueued, [&log](String const &line, grpc::StatusCode code) {
-      log(priorityOf(code), line);
-   });
+   AttestService service(card, attestor, o.maxQueued,
+                         [&log](String const &line, grpc::StatusCode code) { log(priorityOf(code), line); });
    grpc::ServerBuilder builder;
    int port = 0;
    builder.AddListeningPort(o.listen.text(), creds, &port);
@@ -193,10 +192,12 @@ int serve(Options const &o) {
       return 1;
    }
    Tcti const tcti = tctiOf(o);
-   log(LOG_INFO, SentrelEvidence::concat("serving attestz on ", o.listen.host, ":", port,
-                                         o.tlsClientCa ? " with mutual TLS" : o.tlsCert ? " with TLS" : " without TLS",
-                                         ", attestation key ", SentrelTpm::handleText(o.akHandle), " of the TPM at ",
-                                         tcti.name));
+   log(LOG_INFO,
+       SentrelEvidence::concat("serving attestz on ", o.listen.host, ":", port,
+                               o.tlsClientCa ? " with mutual TLS"
+                               : o.tlsCert   ? " with TLS"
+                                             : " without TLS",
+                               ", attestation key ", SentrelTpm::handleText(o.akHandle), " of the TPM at ", tcti.name));
    int signal = 0;
    sigwait(&stop, &signal);
    log(LOG_INFO, signal == SIGTERM ? "stopping on SIGTERM" : "stopping on SIGINT");

@@ -52,8 +52,8 @@ std::optional<std::uint64_t> parseUnsigned(String const &text, int base = 10) {
 }
 
 std::optional<TPM2_HANDLE> parseHandle(String const &text) {
-   auto const v = text.starts_with("0x") || text.starts_with("0X") ? parseUnsigned(text.substr(2), 16)
-                                                                   : parseUnsigned(text);
+   auto const v =
+      text.starts_with("0x") || text.starts_with("0X") ? parseUnsigned(text.substr(2), 16) : parseUnsigned(text);
    // The owner's persistent range: what TPM2_EvictControl with owner authorization may use.
    if (!v || *v < 0x81000000 || *v > 0x817fffff) return std::nullopt;
    return static_cast<TPM2_HANDLE>(*v);
@@ -159,7 +159,9 @@ Options parseOptions(int argc, char const *const *argv) {
       } else if (arg == "--command-timeout") {
          String const text = value();
          auto const t = parseSeconds(text);
-         if (!t) throw UsageError("--command-timeout takes seconds above 0 and at most 86400, such as 10 or 2.5, not '" + text + "'");
+         if (!t)
+            throw UsageError("--command-timeout takes seconds above 0 and at most 86400, such as 10 or 2.5, not '" +
+                             text + "'");
          o.commandTimeout = *t;
       } else if (arg == "--max-queued") {
          String const text = value();
@@ -201,7 +203,7 @@ Options parseOptions(int argc, char const *const *argv) {
       if (char const *env = std::getenv("SENTREL_SYSROOT")) o.sysroot = env;
    }
    if (!o.sysroot.empty()) {
-      struct stat st{};
+      struct stat st {};
       if (stat(o.sysroot.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
          throw UsageError("--sysroot " + o.sysroot + ": not a folder");
       }

@@ -38,9 +38,10 @@ std::optional<TpmProblem> Attestor::connect() {
    if (!tpm_) {
       auto tpm = std::make_unique<TpmConnection>(setup_.tcti.conf, setup_.commandTimeout, setup_.tcti.name);
       if (!tpm->esys()) {
-         return TpmProblem{TpmProblem::Kind::Tpm,
-                           "cannot reach the TPM through " + setup_.tcti.name + ": " + tpm->responseText(tpm->failure()),
-                           tpm->failure()};
+         return TpmProblem{
+            TpmProblem::Kind::Tpm,
+            "cannot reach the TPM through " + setup_.tcti.name + ": " + tpm->responseText(tpm->failure()),
+            tpm->failure()};
       }
       tpm_ = std::move(tpm);
    }

@@ -8,7 +8,7 @@ namespace SentrelAttestd {
 EventLogSource::EventLogSource(String path, String shown) : path_(std::move(path)), shown_(std::move(shown)) {}
 
 std::variant<std::shared_ptr<String const>, String> EventLogSource::canonicalJson() {
-   struct stat st{};
+   struct stat st {};
    if (json_ && stat(path_.c_str(), &st) == 0 && identityOf(st) == *identity_) return json_;
    json_.reset();
    identity_.reset();
@@ -18,7 +18,8 @@ std::variant<std::shared_ptr<String const>, String> EventLogSource::canonicalJso
    if (auto const *problem = std::get_if<SentrelEvidence::EventLogProblem>(&parsed)) {
       return "the firmware's event log " + shown_ + " cannot be read: " + problem->what;
    }
-   json_ = std::make_shared<String const>(SentrelEvidence::canonicalEventLogJson(std::get<SentrelEvidence::EventLog>(parsed)));
+   json_ = std::make_shared<String const>(
+      SentrelEvidence::canonicalEventLogJson(std::get<SentrelEvidence::EventLog>(parsed)));
    identity_ = file.identity;
    return json_;
 }

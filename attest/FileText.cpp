@@ -16,7 +16,7 @@ FileText readFileText(String const &path, String const &shown, std::size_t maxBy
       f.problem = "cannot open " + shown + ": " + std::strerror(errno);
       return f;
    }
-   struct stat st{};
+   struct stat st {};
    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
       f.problem = shown + " is not a file";
       close(fd);

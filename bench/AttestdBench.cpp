@@ -106,9 +106,12 @@ class BenchTpm {
       // Another process may take a port between the probe and swtpm's bind: others are tried.
       for (int attempt = 0; attempt < 5 && tcti_.empty(); ++attempt) {
          std::uint16_t const port = freePort(true);
-         if (succeeds(std::vector<String>{"swtpm", "socket", "--tpm2", "--daemon", "--pid", "file=" + dir + "/pid", "--tpmstate",
-                       "dir=" + dir, "--server", "type=tcp,port=" + std::to_string(port), "--ctrl",
-                       "type=tcp,port=" + std::to_string(port + 1), "--flags", "not-need-init,startup-clear"}, dir + "/swtpm.out")) {
+         if (succeeds(
+                std::vector<String>{"swtpm", "socket", "--tpm2", "--daemon", "--pid", "file=" + dir + "/pid",
+                                    "--tpmstate", "dir=" + dir, "--server", "type=tcp,port=" + std::to_string(port),
+                                    "--ctrl", "type=tcp,port=" + std::to_string(port + 1), "--flags",
+                                    "not-need-init,startup-clear"},
+                dir + "/swtpm.out")) {
             tcti_ = "swtpm:host=127.0.0.1,port=" + std::to_string(port);
          }
       }
@@ -173,8 +176,8 @@ void BM_Attest(benchmark::State &state) {
              SentrelTest::writeEventLog(SentrelTest::LogPlan{.events = SentrelTest::firmwareEvents(200, 11)}));
    std::uint16_t const port = freePort();
    String const address = "127.0.0.1:" + std::to_string(port);
-   pid_t const service = spawn({SENTREL_ATTESTD_PATH, "--tcti", served.tcti(), "--sysroot", root.path(), "--listen",
-                                address, "--no-syslog"});
+   pid_t const service = spawn(
+      {SENTREL_ATTESTD_PATH, "--tcti", served.tcti(), "--sysroot", root.path(), "--listen", address, "--no-syslog"});
    auto channel = grpc::CreateChannel(address, grpc::InsecureChannelCredentials());
    auto stub = TpmAttestzService::NewStub(channel);
    std::vector<int> const pcrs{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 12, 13, 14};

@@ -49,7 +49,8 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const *data, std::size_t size
    if (wanted.bank != bankOf(request.hash_algo()) || wanted.bank == TPM2_ALG_NULL) std::abort();
    if (wanted.pcrs.none() || wanted.pcrs.count() > static_cast<std::size_t>(request.pcr_indices_size())) std::abort();
    for (std::int32_t const index : request.pcr_indices()) {
-      if (index < 0 || index >= static_cast<std::int32_t>(wanted.pcrs.size()) || !wanted.pcrs.test(static_cast<std::size_t>(index))) {
+      if (index < 0 || index >= static_cast<std::int32_t>(wanted.pcrs.size()) ||
+          !wanted.pcrs.test(static_cast<std::size_t>(index))) {
          std::abort();
       }
    }

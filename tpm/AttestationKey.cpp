@@ -14,9 +14,8 @@ namespace SentrelTpm {
 
 namespace {
 
-constexpr TPMA_OBJECT kAkAttributes = TPMA_OBJECT_FIXEDTPM | TPMA_OBJECT_FIXEDPARENT |
-                                      TPMA_OBJECT_SENSITIVEDATAORIGIN | TPMA_OBJECT_USERWITHAUTH |
-                                      TPMA_OBJECT_RESTRICTED | TPMA_OBJECT_SIGN_ENCRYPT;
+constexpr TPMA_OBJECT kAkAttributes = TPMA_OBJECT_FIXEDTPM | TPMA_OBJECT_FIXEDPARENT | TPMA_OBJECT_SENSITIVEDATAORIGIN |
+                                      TPMA_OBJECT_USERWITHAUTH | TPMA_OBJECT_RESTRICTED | TPMA_OBJECT_SIGN_ENCRYPT;
 
 // The storage hierarchy's primary key: an ECC P-256 storage key with
 // AES-128-CFB, from a template with no unique data, so the TPM derives the
@@ -72,7 +71,9 @@ std::variant<ESYS_TR, TpmProblem> persistedObject(TpmConnection const &tpm, TPM2
       [&] { return Esys_TR_FromTPMPublic_Finish(tpm.esys(), &object); });
    if (rc == TSS2_RC_SUCCESS) return object;
    if (noObjectAt(rc)) {
-      return TpmProblem{TpmProblem::Kind::NoKey, "no attestation key is persisted at " + handleText(handle) + " of the TPM at " + tpm.tcti(), rc};
+      return TpmProblem{TpmProblem::Kind::NoKey,
+                        "no attestation key is persisted at " + handleText(handle) + " of the TPM at " + tpm.tcti(),
+                        rc};
    }
    return tpmProblem(tpm, "cannot read the object at " + handleText(handle), rc);
 }
@@ -157,8 +158,9 @@ std::variant<AkPublic, TpmProblem> createAttestationKey(TpmConnection const &tpm
       ESYS_TR tr = ESYS_TR_NONE;
       ~Transient() {
          if (tr != ESYS_TR_NONE) {
-            command(tpm, [&] { return Esys_FlushContext_Async(tpm.esys(), tr); },
-                    [&] { return Esys_FlushContext_Finish(tpm.esys()); });
+            command(
+               tpm, [&] { return Esys_FlushContext_Async(tpm.esys(), tr); },
+               [&] { return Esys_FlushContext_Finish(tpm.esys()); });
          }
       }
    } primary{tpm}, ak{tpm};
@@ -178,7 +180,8 @@ std::variant<AkPublic, TpmProblem> createAttestationKey(TpmConnection const &tpm
          TPM2B_CREATION_DATA *creationData = nullptr;
          TPM2B_DIGEST *creationHash = nullptr;
          TPMT_TK_CREATION *ticket = nullptr;
-         TSS2_RC const r = Esys_CreatePrimary_Finish(esys, &primary.tr, &outPublic, &creationData, &creationHash, &ticket);
+         TSS2_RC const r =
+            Esys_CreatePrimary_Finish(esys, &primary.tr, &outPublic, &creationData, &creationHash, &ticket);
          Esys_Free(outPublic);
          Esys_Free(creationData);
          Esys_Free(creationHash);
@@ -259,13 +262,13 @@ String publicKeyPem(TPMT_PUBLIC const &pub) {
    std::copy(point.y.buffer, point.y.buffer + ySize, encoded + 1 + 2 * kCoordinate - ySize);
 
    std::unique_ptr<OSSL_PARAM_BLD, decltype(&OSSL_PARAM_BLD_free)> const build(OSSL_PARAM_BLD_new(),
-                                                                              OSSL_PARAM_BLD_free);
+                                                                               OSSL_PARAM_BLD_free);
    if (!build || !OSSL_PARAM_BLD_push_utf8_string(build.get(), OSSL_PKEY_PARAM_GROUP_NAME, "prime256v1", 0) ||
        !OSSL_PARAM_BLD_push_octet_string(build.get(), OSSL_PKEY_PARAM_PUB_KEY, encoded, sizeof encoded)) {
       return {};
    }
    std::unique_ptr<OSSL_PARAM, decltype(&OSSL_PARAM_free)> const params(OSSL_PARAM_BLD_to_param(build.get()),
-                                                                       OSSL_PARAM_free);
+                                                                        OSSL_PARAM_free);
    std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> const ctx(
       EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr), EVP_PKEY_CTX_free);
    EVP_PKEY *made = nullptr;

@@ -107,7 +107,7 @@ std::variant<OneQuote, TpmProblem> quoteOnce(TpmConnection const &tpm, ESYS_TR a
    TPMS_ATTEST decoded{};
    std::size_t offset = 0;
    TSS2_RC const decodedRc = Tss2_MU_TPMS_ATTEST_Unmarshal(reinterpret_cast<std::uint8_t const *>(out.quoted.data()),
-                                                          out.quoted.size(), &offset, &decoded);
+                                                           out.quoted.size(), &offset, &decoded);
    if (decodedRc != TSS2_RC_SUCCESS || decoded.type != TPM2_ST_ATTEST_QUOTE) {
       return tpmProblem(tpm, "the TPM's quote is no TPMS_ATTEST of a quote", decodedRc);
    }
@@ -127,7 +127,7 @@ std::variant<OneQuote, TpmProblem> quoteOnce(TpmConnection const &tpm, ESYS_TR a
 }  // namespace
 
 std::variant<std::map<std::uint32_t, String>, TpmProblem> readBankPcrs(TpmConnection const &tpm, TPMI_ALG_HASH bank,
-                                                                      std::bitset<SentrelEvidence::kPcrCount> pcrs) {
+                                                                       std::bitset<SentrelEvidence::kPcrCount> pcrs) {
    auto const *algorithm = SentrelEvidence::tpmAlgorithm(bank);
    std::map<std::uint32_t, String> values;
    auto missing = pcrs;
@@ -173,9 +173,10 @@ std::variant<std::map<std::uint32_t, String>, TpmProblem> readBankPcrs(TpmConnec
                            "the TPM at " + tpm.tcti() + " has no " + algorithmName(bank) + " PCR bank enabled",
                            TSS2_RC_SUCCESS};
       }
-      return TpmProblem{TpmProblem::Kind::Tpm,
-                        "the TPM at " + tpm.tcti() + " did not return " + algorithmName(bank) + " PCR " + pcrList(missing),
-                        TSS2_RC_SUCCESS};
+      return TpmProblem{
+         TpmProblem::Kind::Tpm,
+         "the TPM at " + tpm.tcti() + " did not return " + algorithmName(bank) + " PCR " + pcrList(missing),
+         TSS2_RC_SUCCESS};
    }
    return values;
 }
@@ -196,9 +197,10 @@ std::variant<PcrQuote, TpmProblem> quotePcrs(TpmConnection const &tpm, ESYS_TR a
          auto &values = std::get<std::map<std::uint32_t, String>>(read);
          String const digest = pcrDigest(values, q.hash);
          if (digest.empty()) {
-            return TpmProblem{TpmProblem::Kind::Tpm,
-                              "the quote's digest algorithm " + algorithmName(q.hash) + " is not one this program knows",
-                              TSS2_RC_SUCCESS};
+            return TpmProblem{
+               TpmProblem::Kind::Tpm,
+               "the quote's digest algorithm " + algorithmName(q.hash) + " is not one this program knows",
+               TSS2_RC_SUCCESS};
          }
          if (digest == q.pcrDigest) return PcrQuote{std::move(q.quoted), std::move(q.signature), std::move(values)};
       }
