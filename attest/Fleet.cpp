@@ -113,9 +113,14 @@ std::vector<Judgement> attestFleet(std::vector<Target> const &targets, FleetOpti
       Call &call = *node.mapped();
       Target const &t = targets[call.index];
       Judgement &j = judgements[call.index];
-      if (!ok || !call.status.ok()) {
+      if (!call.status.ok()) {
          j.verdict = Verdict::Unreachable;
-         j.reason = ok ? statusText(call.status.error_code(), call.status.error_message()) : "the call was cancelled";
+         j.reason = statusText(call.status.error_code(), call.status.error_message());
+      } else if (!ok) {
+         // The switch answered, with something that is not a response: a
+         // switch that cannot say what it booted is not trusted.
+         j.verdict = Verdict::Untrusted;
+         j.reason = "the switch's answer is not an AttestResponse";
       } else {
          if (options.received) options.received(t, call.nonce, call.response);
          j = judge(call.response, Expectation{call.nonce, options.bank, options.pcrs, t.trust, t.baseline});
