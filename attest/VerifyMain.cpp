@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <grpc/support/log.h>
 #include <unistd.h>
 
 #include "Sentrel/platform/Printable.h"
@@ -123,6 +124,9 @@ int main(int argc, char **argv) {
       return 2;
    }
    std::signal(SIGPIPE, SIG_IGN);
+   // Each switch's status names what went wrong with it; gRPC's own log
+   // lines would say it again, out of order. GRPC_VERBOSITY asks for them.
+   if (!std::getenv("GRPC_VERBOSITY")) gpr_set_log_function([](gpr_log_func_args *) {});
    try {
       VerifyOptions const options = parseVerifyOptions(argc, argv);
       if (options.help) return written(writeAll(STDOUT_FILENO, kVerifyUsage)) ? 0 : 2;

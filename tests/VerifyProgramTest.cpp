@@ -350,7 +350,9 @@ TEST(VerifyProgram, TlsToTheSwitchesAndMutualTls) {
    std::vector<String> const base{"--ak", ak, "--timeout", "5", "--format", "json", "--tls-ca", d.path() + "/ca.pem"};
    auto run = [&](std::vector<String> extra) {
       extra.insert(extra.begin(), base.begin(), base.end());
-      return verdicts(runVerify(extra).out);
+      VerifyRun const r = runVerify(extra);
+      EXPECT_EQ(r.err, "");  // each failed handshake is said in its switch's reason, once
+      return verdicts(r.out);
    };
    EXPECT_EQ(run({"--target", "leaf1=" + tls.address()})["leaf1"].first, "trusted");
    EXPECT_EQ(run({"--target", "leaf1=" + mutual.address()})["leaf1"].first, "unreachable");
