@@ -16,7 +16,8 @@ prefix="$root/usr"
 sentrel="$prefix/$bindir/sentrel"
 [[ $unitdir == /* ]] && units="$root$unitdir" || units="$prefix/$unitdir"
 
-for f in "$prefix/$mandir/man1/sentrel.1" "$units/sentrel.service" "$units/sentrel.timer" \
+verify="$prefix/$bindir/sentrel-verify"
+for f in "$prefix/$mandir/man1/sentrel.1" "$prefix/$mandir/man1/sentrel-verify.1" "$units/sentrel.service" "$units/sentrel.timer" \
          "$prefix/lib/modules-load.d/sentrel.conf" "$prefix/share/doc/sentrel/examples/defaults.json" \
          "$prefix/share/doc/sentrel/examples/toggles/Sentrel.json"; do
   [[ -f $f ]] || fail "not installed: ${f#"$root"}"
@@ -27,8 +28,11 @@ grep -qx ".TH SENTREL 1 .* \"sentrel $version\" .*" "$prefix/$mandir/man1/sentre
   fail "the manual page names another version: $(head -1 "$prefix/$mandir/man1/sentrel.1")"
 
 # The framework comes from the moved tree, not from the build folder.
-framework=$(ldd "$sentrel" | awk '/libSentrelPlatform/ {print $3}')
-[[ $framework == "$prefix"/* ]] || fail "the framework resolves to '$framework'"
+for program in "$sentrel" "$verify"; do
+  framework=$(ldd "$program" | awk '/libSentrelPlatform/ {print $3}')
+  [[ $framework == "$prefix"/* ]] || fail "the framework of $(basename "$program") resolves to '$framework'"
+done
+[[ $("$verify" --version) == "sentrel-verify $version" ]] || fail "--version printed '$("$verify" --version)'"
 
 report="$tmp/report.json"
 status=0
@@ -47,7 +51,9 @@ assert {m["name"] for m in report["log"]} >= {"TARN_DEPRECATION_WARNING", "SENTR
 EOF
 
 if command -v man >/dev/null; then
-  warnings=$(MANWIDTH=80 man --warnings -l "$prefix/$mandir/man1/sentrel.1" 2>&1 >/dev/null)
-  [[ -z $warnings ]] || fail "the manual page: $warnings"
+  for page in sentrel.1 sentrel-verify.1; do
+    warnings=$(MANWIDTH=80 man --warnings -l "$prefix/$mandir/man1/$page" 2>&1 >/dev/null)
+    [[ -z $warnings ]] || fail "the manual page $page: $warnings"
+  done
 fi
 echo "install test: passed"
