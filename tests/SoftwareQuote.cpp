@@ -58,6 +58,14 @@ SoftwareAttestationKey::SoftwareAttestationKey(bool rsa)
    if (!key_) throw std::runtime_error("OpenSSL made no key");
 }
 
+SoftwareAttestationKey::SoftwareAttestationKey(String const &privateKeyPem) : key_(nullptr), rsa_(false) {
+   BIO *bio = BIO_new_mem_buf(privateKeyPem.data(), static_cast<int>(privateKeyPem.size()));
+   key_ = PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr);
+   BIO_free(bio);
+   if (!key_) throw std::runtime_error("OpenSSL reads no private key");
+   rsa_ = EVP_PKEY_is_a(key_, "RSA") == 1;
+}
+
 SoftwareAttestationKey::~SoftwareAttestationKey() { EVP_PKEY_free(key_); }
 
 String SoftwareAttestationKey::publicKeyPem() const {

@@ -30,6 +30,8 @@ class SoftwareAttestationKey {
  public:
    // A fresh NIST P-256 key; with `rsa`, a 2048-bit RSA key (RSASSA).
    explicit SoftwareAttestationKey(bool rsa = false);
+   // The key of a PEM private key (EC or RSA), for seeds that stay the same.
+   explicit SoftwareAttestationKey(String const &privateKeyPem);
    SoftwareAttestationKey(SoftwareAttestationKey const &) = delete;
    ~SoftwareAttestationKey();
    String publicKeyPem() const;
