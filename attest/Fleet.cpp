@@ -5,6 +5,7 @@
 #include <grpcpp/completion_queue.h>
 #include <grpcpp/create_channel.h>
 #include <grpcpp/support/channel_arguments.h>
+#include <algorithm>
 #include <map>
 #include <openssl/rand.h>
 #include <stdexcept>
@@ -104,7 +105,8 @@ std::vector<Judgement> attestFleet(std::vector<Target> const &targets, FleetOpti
       inFlight.emplace(tag, std::move(call));
    };
 
-   while (next < targets.size() && inFlight.size() < options.jobs) start();
+   std::size_t const jobs = std::max(1u, options.jobs);
+   while (next < targets.size() && inFlight.size() < jobs) start();
    while (!inFlight.empty()) {
       void *tag = nullptr;
       bool ok = false;
@@ -128,7 +130,7 @@ std::vector<Judgement> attestFleet(std::vector<Target> const &targets, FleetOpti
       node.mapped().reset();
       ++done;
       if (options.progress) options.progress(done, targets.size());
-      while (next < targets.size() && inFlight.size() < options.jobs) start();
+      while (next < targets.size() && inFlight.size() < jobs) start();
    }
    queue.Shutdown();
    void *tag = nullptr;

@@ -6,8 +6,10 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <google/protobuf/stubs/logging.h>
 #include <grpc/support/log.h>
 #include <unistd.h>
 
@@ -127,6 +129,11 @@ int main(int argc, char **argv) {
    // Each switch's status names what went wrong with it; gRPC's own log
    // lines would say it again, out of order. GRPC_VERBOSITY asks for them.
    if (!std::getenv("GRPC_VERBOSITY")) gpr_set_log_function([](gpr_log_func_args *) {});
+   // Protobuf says on standard error why a switch's answer did not parse;
+   // the switch's verdict says that it did not.
+   google::protobuf::SetLogHandler(nullptr);
+   // So does tpm2-tss's marshalling of a quote that does not decode; TSS2_LOG asks for it.
+   setenv("TSS2_LOG", "marshal+none", 0);
    try {
       VerifyOptions const options = parseVerifyOptions(argc, argv);
       if (options.help) return written(writeAll(STDOUT_FILENO, kVerifyUsage)) ? 0 : 2;
