@@ -14,8 +14,9 @@ test=(clang libgtest-dev libgmock-dev libbenchmark-dev libclang-rt-14-dev valgri
       debhelper dpkg-dev fakeroot lintian man-db groff-base systemd git
       # the metrics tests
       prometheus prometheus-node-exporter curl
-      # a software TPM for the measured boot evidence tests
-      swtpm swtpm-tools tpm2-tools)
+      # a software TPM for the measured boot evidence and attestation tests,
+      # and certificates for the attestation service's TLS
+      swtpm swtpm-tools tpm2-tools openssl)
 case "${1:-}" in
   build) packages=("${build[@]}") ;;
   test) packages=("${build[@]}" "${test[@]}") ;;

@@ -35,7 +35,13 @@ mkdir "$units"
 sed "s|/usr/bin/sentrel|$tmp/root/usr/bin/sentrel|" "$tmp/root/lib/systemd/system/sentrel.service" \
   >"$units/sentrel.service"
 cp "$tmp/root/lib/systemd/system/sentrel.timer" "$units/"
+sed "s|/usr/sbin/sentrel-attestd|$tmp/root/usr/sbin/sentrel-attestd|" \
+  "$tmp/root/lib/systemd/system/sentrel-attestd.service" >"$units/sentrel-attestd.service"
 # Its Documentation= is checked with man: the package's own page.
-MANPATH="$tmp/root/usr/share/man" SYSTEMD_LOG_LEVEL=notice systemd-analyze verify "$units/sentrel.service" "$units/sentrel.timer"
+MANPATH="$tmp/root/usr/share/man" SYSTEMD_LOG_LEVEL=notice systemd-analyze verify "$units/sentrel.service" \
+  "$units/sentrel.timer" "$units/sentrel-attestd.service"
+# The attestz service's sandbox: an exposure of at most 2.0 (20 on this scale).
+systemd-analyze security --offline=true --threshold=20 "$units/sentrel-attestd.service" | grep "Overall exposure level"
 "$tmp/root/usr/bin/sentrel" --version
+"$tmp/root/usr/sbin/sentrel-attestd" --version
 echo "package: passed"
