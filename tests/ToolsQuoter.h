@@ -21,6 +21,10 @@ struct ToolsQuote {
    String pcrsFile;   // the same values as tpm2_quote -o writes them, for tpm2_checkquote
 };
 
+// Extends every event of the log into the TPM that `tcti` reaches, in
+// order, with tpm2_pcrextend; false, with what it said in `output`, when it fails.
+bool extendWithTools(String const &tcti, LogPlan const &plan, String &output);
+
 class ToolsQuoter {
  public:
    // A software TPM with the banks `banks` ("sha256").
