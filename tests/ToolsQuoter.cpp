@@ -51,20 +51,6 @@ std::optional<String> ToolsQuoter::createAk(String const &handle, String const &
    return dir_.path() + "/" + pem;
 }
 
-bool extendWithTools(String const &tcti, LogPlan const &plan, String &output) {
-   auto const parsed = parseEventLog(writeEventLog(plan));
-   String specs;
-   for (auto const &e : std::get<EventLog>(parsed).events) {
-      if (e.type == EV_NO_ACTION) continue;
-      String spec;
-      for (auto const &d : e.digests) spec += (spec.empty() ? "" : ",") + algorithmName(d.algorithm) + "=" + hexOf(d.bytes);
-      specs += " " + std::to_string(e.pcr) + ":" + spec;
-   }
-   auto const r = Loom::runCommandForOutput("TPM2TOOLS_TCTI='" + tcti + "' tpm2_pcrextend" + specs + " 2>&1");
-   output = r.output;
-   return r.exitCode == 0;
-}
-
 bool ToolsQuoter::extend(LogPlan const &plan) { return extendWithTools(tpm_.tcti(), plan, last_); }
 
 std::optional<ToolsQuote> ToolsQuoter::quote(String const &handle, String const &nonce, String const &bank,

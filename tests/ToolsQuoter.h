@@ -7,6 +7,7 @@
 
 #include "TestSupport.h"
 #include "tests/EventLogWriter.h"
+#include "tests/ToolsExtend.h"
 
 // A switch's TPM driven by tpm2-tools, a peer independent of the code under
 // test: a software TPM, attestation keys made by tpm2_createak under the
@@ -20,10 +21,6 @@ struct ToolsQuote {
    std::map<std::uint32_t, String> values;  // the quoted PCRs, read by tpm2_pcrread
    String pcrsFile;   // the same values as tpm2_quote -o writes them, for tpm2_checkquote
 };
-
-// Extends every event of the log into the TPM that `tcti` reaches, in
-// order, with tpm2_pcrextend; false, with what it said in `output`, when it fails.
-bool extendWithTools(String const &tcti, LogPlan const &plan, String &output);
 
 class ToolsQuoter {
  public:
