@@ -154,8 +154,8 @@ VerifyOptions parseVerifyOptions(int argc, char **argv) {
          o.tlsKey = value();
       } else if (arg == "--jobs") {
          String const v = value();
-         auto const n = number(v, 10000);
-         if (!n || *n == 0) throw UsageError("--jobs takes a number from 1 to 10000, not '" + v + "'");
+         auto const n = number(v, 1000);
+         if (!n || *n == 0) throw UsageError("--jobs takes a number from 1 to 1000, not '" + v + "'");
          o.jobs = *n;
       } else if (arg == "--timeout") {
          String const v = value();

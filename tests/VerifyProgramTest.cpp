@@ -5,7 +5,12 @@
 #include <filesystem>
 #include <google/protobuf/util/json_util.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include "Sentrel/platform/RunCommand.h"
 #include "TestSupport.h"
@@ -18,6 +23,8 @@
 
 using namespace SentrelTest;
 using SentrelEvidence::kAlgSha256;
+
+extern char **environ;
 
 namespace {
 
@@ -91,7 +98,7 @@ TEST(VerifyProgram, UsageErrorsNameTheOptionAndTheProblem) {
       {{"--target", "a=127.0.0.1:1", "--ak", ak, "--pcrs", "0-24"}, "--pcrs takes PCRs 0-23"},
       {{"--target", "a=127.0.0.1:1", "--ak", ak, "--pcrs", "7-3"}, "--pcrs takes PCRs 0-23"},
       {{"--target", "a=127.0.0.1:1", "--ak", ak, "--bank", "md5"}, "--bank takes sha1, sha256, sha384 or sha512"},
-      {{"--target", "a=127.0.0.1:1", "--ak", ak, "--jobs", "0"}, "--jobs takes a number from 1 to 10000"},
+      {{"--target", "a=127.0.0.1:1", "--ak", ak, "--jobs", "1001"}, "--jobs takes a number from 1 to 1000"},
       {{"--target", "a=127.0.0.1:1", "--ak", ak, "--timeout", "-1"}, "--timeout takes seconds"},
       {{"--target", "a=127.0.0.1:1", "--ak", ak, "--format", "xml"}, "--format takes text, json or openmetrics"},
       {{"--target", "a=127.0.0.1:1", "--ak", ak, "--tls-cert", ak}, "--tls-cert and --tls-key go together"},
@@ -425,4 +432,48 @@ TEST(VerifyFleet, AResponseLargerThanTheLimitIsRefused) {
    auto const refused = SentrelAttest::attestFleet({target}, options);
    EXPECT_EQ(refused.at(0).verdict, SentrelAttest::Verdict::Unreachable);
    EXPECT_EQ(refused.at(0).reason.rfind("RESOURCE_EXHAUSTED: ", 0), 0u) << refused.at(0).reason;
+}
+
+// On a terminal, standard error shows how many switches are done, on one
+// line rewritten in place; the report stays on standard output.
+TEST(VerifyProgram, ProgressOnATerminal) {
+   TempDir d;
+   SoftwareSwitch a, b;
+   String const ak = d.file("ak.pem", a.key.publicKeyPem() + b.key.publicKeyPem());
+   int master = -1, terminal = -1;
+   ASSERT_EQ(openpty(&master, &terminal, nullptr, nullptr, nullptr), 0);
+   std::vector<String> args{SENTREL_VERIFY_PATH, "--ak", ak, "--target", "a=" + a.server.address(),
+                            "--target", "b=" + b.server.address(), "--jobs", "1"};
+   std::vector<char *> argv;
+   for (auto &arg : args) argv.push_back(arg.data());
+   argv.push_back(nullptr);
+   String const out = d.path() + "/out";
+   posix_spawn_file_actions_t files;
+   posix_spawn_file_actions_init(&files);
+   posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+   posix_spawn_file_actions_adddup2(&files, terminal, 2);
+   pid_t pid = -1;
+   ASSERT_EQ(posix_spawn(&pid, SENTREL_VERIFY_PATH, &files, nullptr, argv.data(), environ), 0);
+   posix_spawn_file_actions_destroy(&files);
+   close(terminal);
+   String progress;
+   char buffer[256];
+   pollfd p{master, POLLIN, 0};
+   // Until the program has ended and closed its side (EIO), or 30 seconds.
+   for (int i = 0; i < 300 && poll(&p, 1, 100) >= 0;) {
+      if (!(p.revents & POLLIN)) {
+         ++i;
+         continue;
+      }
+      ssize_t const n = read(master, buffer, sizeof buffer);
+      if (n <= 0) break;
+      progress.append(buffer, static_cast<std::size_t>(n));
+   }
+   int status = 0;
+   waitpid(pid, &status, 0);
+   close(master);
+   EXPECT_EQ(WEXITSTATUS(status), 0) << slurp(out);
+   // The terminal turns \n into \r\n.
+   EXPECT_EQ(progress, "\rattested 1/2\rattested 2/2\r\n");
+   EXPECT_TRUE(slurp(out).ends_with("2 trusted, 0 untrusted, 0 unreachable\n")) << slurp(out);
 }
