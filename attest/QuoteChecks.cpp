@@ -1,12 +1,10 @@
 #include "attest/QuoteChecks.h"
 
 #include <algorithm>
-#include <openssl/bio.h>
 #include <openssl/bn.h>
 #include <openssl/ec.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
-#include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
@@ -26,7 +24,6 @@ template <class T, void (*Free)(T *)>
 struct Freer {
    void operator()(T *p) const { Free(p); }
 };
-using Bio = std::unique_ptr<BIO, Freer<BIO, BIO_free_all>>;
 struct X509StackFree {
    void operator()(STACK_OF(X509) * s) const { sk_X509_free(s); }  // the certificates stay their owners'
 };
