@@ -35,7 +35,8 @@ grpc::ServerUnaryReactor *AttestService::Attest(grpc::CallbackServerContext *con
    } else if (!queued) {
       finish({grpc::StatusCode::RESOURCE_EXHAUSTED,
               SentrelEvidence::concat("the TPM is busy and ", worker_.maxQueued(),
-                                      " requests wait for it already: ask again later")});
+                                      worker_.maxQueued() == 1 ? " request waits" : " requests wait",
+                                      " for it already: ask again later")});
    }
    return reactor;
 }

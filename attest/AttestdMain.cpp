@@ -1,10 +1,12 @@
 // sentrel-attestd: the switch's attestz service. Serves Attest until
 // SIGTERM or SIGINT; --create-ak and --print-ak manage its attestation key.
 #include <csignal>
+#include <cstdlib>
 #include <cstdio>
 #include <grpcpp/security/server_credentials.h>
 #include <grpcpp/server.h>
 #include <grpcpp/server_builder.h>
+#include <malloc.h>
 #include <memory>
 #include <openssl/bio.h>
 #include <openssl/err.h>
@@ -34,6 +36,8 @@ constexpr std::size_t kMaxPemBytes = std::size_t{1} << 20;
 constexpr char const *kEventLog = "/sys/kernel/security/tpm0/binary_bios_measurements";
 // A request is a nonce, a few PCR indices and a card's name.
 constexpr int kMaxRequestBytes = 64 * 1024;
+// Allocations up to this size are kept by the allocator when freed.
+constexpr int kKeptAllocation = 8 << 20;
 // How long calls still running at shutdown are given to finish.
 constexpr std::chrono::seconds kShutdownGrace{5};
 
@@ -209,6 +213,17 @@ int serve(Options const &o) {
 }  // namespace
 
 int main(int argc, char **argv) {
+   // tpm2-tss prints its own errors unless told not to, and the TPM's
+   // connection tells it so when it is made: on the TPM's thread, while
+   // gRPC's read the environment. Said here first, before any thread starts.
+   setenv("TSS2_LOG", "all+none", 0);
+   // Each answer holds the event log (100 KiB and more) several times over,
+   // in buffers that gRPC's threads and the TPM's allocate and free. glibc
+   // would map and unmap them, or hand their pages back at every free, and
+   // fault them in again at the next request: that cost more than the
+   // TPM's quote (BENCHMARKS.md). They are kept instead.
+   mallopt(M_MMAP_THRESHOLD, kKeptAllocation);
+   mallopt(M_TRIM_THRESHOLD, 2 * kKeptAllocation);
    try {
       Options const o = parseOptions(argc, argv);
       switch (o.action) {

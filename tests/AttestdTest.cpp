@@ -627,7 +627,7 @@ TEST_F(AttestdSwtpm, RequestsBeyondTheQueueAreRefusedAndATpmThatHangsFailsAtTheD
    for (int i = 0; i < 200 && !contains(d.log(), cancelled); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
    auto const log = d.log();
    EXPECT_TRUE(contains(log, cancelled)) << log;
-   EXPECT_TRUE(contains(log, ": RESOURCE_EXHAUSTED: the TPM is busy and 1 requests wait for it already: ask again later\n"))
+   EXPECT_TRUE(contains(log, ": RESOURCE_EXHAUSTED: the TPM is busy and 1 request waits for it already: ask again later\n"))
       << log;
    EXPECT_TRUE(contains(log, ": UNAVAILABLE: cannot read the sha256 PCRs through " + device.tcti() +
                                 ": no response within 2 seconds ("))
