@@ -11,7 +11,7 @@ using Loom::String;
 // temporary file of an unpredictable name in the same folder, made afresh
 // (never through a link: the folder may be writable by others), written,
 // synced, made 0644 and renamed over `path`. On failure the temporary file is
-// removed and UsageError names `path` and the problem.
-void writeFileAtomically(String const &path, String const &text);
+// removed and UsageError names the option, `path` and the problem.
+void writeFileAtomically(String const &path, String const &text, char const *option = "--output");
 
 }  // namespace SentrelHost

@@ -16,7 +16,8 @@ prefix="$root/usr"
 sentrel="$prefix/$bindir/sentrel"
 [[ $unitdir == /* ]] && units="$root$unitdir" || units="$prefix/$unitdir"
 
-for f in "$prefix/$mandir/man1/sentrel.1" "$units/sentrel.service" "$units/sentrel.timer" \
+verify="$prefix/$bindir/sentrel-verify"
+for f in "$prefix/$mandir/man1/sentrel.1" "$prefix/$mandir/man1/sentrel-verify.1" "$units/sentrel.service" "$units/sentrel.timer" \
          "$prefix/$mandir/man8/sentrel-attestd.8" "$units/sentrel-attestd.service" \
          "$prefix/lib/modules-load.d/sentrel.conf" "$prefix/share/doc/sentrel/examples/defaults.json" \
          "$prefix/share/doc/sentrel/examples/toggles/Sentrel.json"; do
@@ -30,8 +31,11 @@ grep -qx ".TH SENTREL 1 .* \"sentrel $version\" .*" "$prefix/$mandir/man1/sentre
   fail "the manual page names another version: $(head -1 "$prefix/$mandir/man1/sentrel.1")"
 
 # The framework comes from the moved tree, not from the build folder.
-framework=$(ldd "$sentrel" | awk '/libSentrelPlatform/ {print $3}')
-[[ $framework == "$prefix"/* ]] || fail "the framework resolves to '$framework'"
+for program in "$sentrel" "$verify"; do
+  framework=$(ldd "$program" | awk '/libSentrelPlatform/ {print $3}')
+  [[ $framework == "$prefix"/* ]] || fail "the framework of $(basename "$program") resolves to '$framework'"
+done
+[[ $("$verify" --version) == "sentrel-verify $version" ]] || fail "--version printed '$("$verify" --version)'"
 
 report="$tmp/report.json"
 status=0
@@ -50,7 +54,8 @@ assert {m["name"] for m in report["log"]} >= {"TARN_DEPRECATION_WARNING", "SENTR
 EOF
 
 if command -v man >/dev/null; then
-  for page in "$prefix/$mandir/man1/sentrel.1" "$prefix/$mandir/man8/sentrel-attestd.8"; do
+  for page in "$prefix/$mandir/man1/sentrel.1" "$prefix/$mandir/man1/sentrel-verify.1" \
+              "$prefix/$mandir/man8/sentrel-attestd.8"; do
     warnings=$(MANWIDTH=80 man --warnings -l "$page" 2>&1 >/dev/null)
     [[ -z $warnings ]] || fail "the manual page ${page##*/}: $warnings"
   done

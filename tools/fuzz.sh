@@ -13,11 +13,11 @@ for seeds in fuzz/corpus/*/; do
   mkdir -p "$work/$name"
   cp -r "$seeds". "$work/$name/"
   # The JSON readers take inputs long enough to nest 100,000 levels deep;
-  # the line-based ones see all they need in 4 KiB; an event log seed is a
-  # few kilobytes.
+  # the line-based ones see all they need in 4 KiB; an event log seed, or a
+  # switch's response, is a few kilobytes.
   case "$name" in
     host_state_fuzz|host_script_fuzz|vexo_json_fuzz) max_len=1048576 ;;
-    event_log_fuzz|baseline_fuzz) max_len=65536 ;;
+    event_log_fuzz|baseline_fuzz|attest_response_fuzz) max_len=65536 ;;
     *) max_len=4096 ;;
   esac
   echo "-- $name"

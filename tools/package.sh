@@ -44,4 +44,5 @@ MANPATH="$tmp/root/usr/share/man" SYSTEMD_LOG_LEVEL=notice systemd-analyze verif
 systemd-analyze security --offline=true --threshold=20 "$units/sentrel-attestd.service" | grep "Overall exposure level"
 "$tmp/root/usr/bin/sentrel" --version
 "$tmp/root/usr/sbin/sentrel-attestd" --version
+"$tmp/root/usr/bin/sentrel-verify" --version
 echo "package: passed"
