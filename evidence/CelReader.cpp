@@ -39,7 +39,7 @@ struct PendingDigest {
    std::size_t offset = 0;
    bool named = false;
    TpmAlgorithm const *algorithm = nullptr;  // null for one we do not know
-   std::optional<String> hex{};
+   std::optional<std::optional<String>> bytes{};  // none: no "digest"; inside it, none: not hex
    std::size_t hexOffset = 0;
 };
 
@@ -61,22 +61,26 @@ struct PendingRecord {
 // until its end, where it is checked whole: members come in any order.
 class CelReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, CelReader> {
  public:
-   // The reader does not copy a memory stream, as it does a string stream:
-   // the handler sees where the reader is.
-   CelReader(std::string_view text, rapidjson::MemoryStream const &stream) : text_(text), stream_(stream) {}
+   explicit CelReader(rapidjson::InsituStringStream &stream) : stream_(stream) {}
 
-   bool Default() { return value({}); }
-   bool Bool(bool b) { return value({.kind = Kind::Bool, .flag = b}); }
+   // Where each value starts, from where the stream is when the reader
+   // reports it: a string or a number it reads on a copy of the stream,
+   // which is still at its start; a literal it has read whole; a bracket it
+   // reports before it takes it.
+   bool Default() { return value({.offset = here()}); }
+   bool Null() { return value({.offset = here() - 4}); }
+   bool Bool(bool b) { return value({.kind = Kind::Bool, .flag = b, .offset = here() - (b ? 4 : 5)}); }
    bool Uint(unsigned n) { return Uint64(n); }
-   bool Uint64(std::uint64_t n) { return value({.kind = Kind::Number, .number = n}); }
-   bool String(char const *s, rapidjson::SizeType len, bool) { return value({.kind = Kind::Text, .text = {s, len}}); }
+   bool Uint64(std::uint64_t n) { return value({.kind = Kind::Number, .number = n, .offset = here()}); }
+   bool String(char const *s, rapidjson::SizeType len, bool) {
+      return value({.kind = Kind::Text, .text = {s, len}, .offset = here()});
+   }
    bool Key(char const *s, rapidjson::SizeType len, bool) {
       key_.assign(s, len);
-      start();
       return true;
    }
-   bool StartObject() { return value({.kind = Kind::Object}); }
-   bool StartArray() { return value({.kind = Kind::Array}); }
+   bool StartObject() { return value({.kind = Kind::Object, .offset = here()}); }
+   bool StartArray() { return value({.kind = Kind::Array, .offset = here()}); }
    bool EndObject(rapidjson::SizeType) { return close(); }
    bool EndArray(rapidjson::SizeType) { return close(); }
 
@@ -95,17 +99,9 @@ class CelReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, CelRead
    // What the reader is inside of.
    enum class Where { Records, Record, Digests, Digest, Content, Other };
 
-   // Where the value of the event starts: the first character after the
-   // previous event that is not blank, comma or colon. The reader reports a
-   // bracket before it takes it, so a bracket's event ends just past it.
-   std::size_t start(bool bracket = false) {
-      std::size_t const i = std::min(text_.find_first_not_of(" \t\r\n,:", last_), text_.size());
-      last_ = bracket ? i + 1 : stream_.Tell();
-      return i;
-   }
+   std::size_t here() { return stream_.Tell(); }
 
    bool value(Value v) {
-      v.offset = start(v.kind == Kind::Object || v.kind == Kind::Array);
       if (where_.empty()) {
          return v.kind == Kind::Array ? open(Where::Records, v)
                                       : fail(v.offset, "a canonical event log is an array of records");
@@ -129,7 +125,6 @@ class CelReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, CelRead
    // A value we do not read: an array or object is walked through all the same.
    bool other(Value const &v) { return v.kind == Kind::Object || v.kind == Kind::Array ? open(Where::Other, v) : true; }
    bool close() {
-      start(true);
       Where const w = where_.back();
       where_.pop_back();
       if (w == Where::Digest) return endDigest();
@@ -208,7 +203,7 @@ class CelReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, CelRead
          digest_.named = true;
       } else if (key_ == "digest") {
          if (v.kind != Kind::Text) return wrongType(v, "a string");
-         digest_.hex = SentrelEvidence::String(v.text);
+         digest_.bytes = bytesOfHex(v.text);
          digest_.hexOffset = v.offset;
       }
       return other(v);
@@ -216,10 +211,10 @@ class CelReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, CelRead
 
    bool endDigest() {
       if (!digest_.named) return fail(digest_.offset, recordName() + ": a digest has no \"hashAlg\"");
-      if (!digest_.hex) return fail(digest_.offset, recordName() + ": a digest has no \"digest\"");
+      if (!digest_.bytes) return fail(digest_.offset, recordName() + ": a digest has no \"digest\"");
       TpmAlgorithm const *a = digest_.algorithm;
       if (!a) return true;  // an algorithm we do not know, kept out
-      auto bytes = bytesOfHex(*digest_.hex);
+      auto &bytes = *digest_.bytes;
       if (!bytes || bytes->size() != a->digestSize) {
          return fail(digest_.hexOffset,
                      concat(recordName(), ": the ", a->name, " digest is not ", 2 * a->digestSize, " hex digits"));
@@ -265,9 +260,7 @@ class CelReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, CelRead
       return true;
    }
 
-   std::string_view text_;
-   rapidjson::MemoryStream const &stream_;
-   std::size_t last_ = 0;
+   rapidjson::InsituStringStream &stream_;
    std::vector<Where> where_;
    SentrelEvidence::String key_;
    std::size_t recordsSeen_ = 0;
@@ -308,11 +301,14 @@ std::variant<EventLog, EventLogProblem> parseCanonicalEventLog(std::string_view 
    if (auto const nul = json.find('\0'); nul != std::string_view::npos) {
       return EventLogProblem{nul, "a NUL byte is not JSON"};
    }
-   rapidjson::MemoryStream stream(json.data(), json.size());
-   CelReader reader(json, stream);
+   // Read in place in a copy: strings are not copied out one by one. The
+   // reader's strings are only ever compared, or read as names, numbers and
+   // hex, so their encoding is not validated.
+   String text(json);
+   rapidjson::InsituStringStream stream(text.data());
+   CelReader reader(stream);
    rapidjson::Reader parser;
-   auto const result =
-      parser.Parse<rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag>(stream, reader);
+   auto const result = parser.Parse<rapidjson::kParseIterativeFlag | rapidjson::kParseInsituFlag>(stream, reader);
    if (reader.problem) return std::move(*reader.problem);
    if (result.IsError()) return EventLogProblem{result.Offset(), rapidjson::GetParseError_En(result.Code())};
    EventLog log;
