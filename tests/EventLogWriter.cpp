@@ -99,6 +99,16 @@ std::map<std::pair<std::uint16_t, std::uint32_t>, String> replayedPcrs(LogPlan c
    return pcrs;
 }
 
+LogPlan firmwareBoot(String const &bootApplication, String const &bootOrder) {
+   LogPlan plan{.startupLocality = 3,
+                .events = {{0, EV_S_CRTM_VERSION, utf16("1.07"), {}},
+                           {1, EV_EFI_VARIABLE_BOOT, uefiVariableData("BootOrder", bootOrder), {}},
+                           {4, EV_EFI_BOOT_SERVICES_APPLICATION, imageLoadData(bootApplication), {}},
+                           {7, EV_EFI_VARIABLE_DRIVER_CONFIG, uefiVariableData("SecureBoot", "\x01"), {}}}};
+   for (std::uint32_t pcr = 0; pcr < 8; ++pcr) plan.events.push_back({pcr, EV_SEPARATOR, String(4, '\0'), {}});
+   return plan;
+}
+
 std::vector<LogEvent> firmwareEvents(std::size_t count, std::uint32_t seed) {
    std::mt19937 random(seed);
    auto const upTo = [&](std::size_t n) { return static_cast<std::size_t>(random() % n); };

@@ -50,6 +50,11 @@ String uefiVariableData(std::string_view name, String const &value);
 // UEFI_IMAGE_LOAD_EVENT with a device path ending in a file path node.
 String imageLoadData(std::string_view filePath);
 
+// A firmware's boot over PCRs 0-7: the S-CRTM version, a boot variable,
+// the boot application, secure boot's configuration, then the separators;
+// a StartupLocality of 3.
+LogPlan firmwareBoot(String const &bootApplication = "\\EFI\\BOOT\\BOOTX64.EFI", String const &bootOrder = "\x01");
+
 // `count` events of a boot as firmware logs them, over PCRs 0-9 and 14: the
 // S-CRTM version, POST codes, UEFI variables, boot applications with their
 // device paths and image digests, actions, boot loader commands and

@@ -16,19 +16,6 @@ namespace {
 
 char const kLog[] = "root/sys/kernel/security/tpm0/binary_bios_measurements";
 
-// A firmware's boot: the CRTM, a boot variable, the boot application and
-// secure boot's configuration, then the separators.
-LogPlan boot(String const &bootApplication = "\\EFI\\BOOT\\BOOTX64.EFI", String const &bootOrder = "\x01") {
-   LogPlan s;
-   s.startupLocality = 3;
-   s.events = {{0, EV_S_CRTM_VERSION, utf16("1.07"), {}},
-               {1, EV_EFI_VARIABLE_BOOT, uefiVariableData("BootOrder", bootOrder), {}},
-               {4, EV_EFI_BOOT_SERVICES_APPLICATION, imageLoadData(bootApplication), {}},
-               {7, EV_EFI_VARIABLE_DRIVER_CONFIG, uefiVariableData("SecureBoot", "\x01"), {}}};
-   for (std::uint32_t pcr = 0; pcr < 8; ++pcr) s.events.push_back({pcr, EV_SEPARATOR, String(4, '\0'), {}});
-   return s;
-}
-
 // A switch whose TPM holds what `plan` replays to, in sysfs.
 struct Switch {
    explicit Switch(LogPlan const &plan) {
@@ -83,10 +70,10 @@ TEST(EvidenceHost, ReplaysTheLogAgainstEveryBankOfTheTpm) {
    auto bank = [](Switch &s, char const *name, String const &value) {
       for (std::uint32_t i = 0; i < 8; ++i) s.pcr(name, i, value);
    };
-   LogPlan withPcr1000 = boot(), sha1Layout = boot();
+   LogPlan withPcr1000 = firmwareBoot(), sha1Layout = firmwareBoot();
    sha1Layout.format = EventLogFormat::Sha1;
    withPcr1000.events.push_back({1000, EV_IPL, "a PCR no TPM has", {}});
-   String const end = std::to_string(writeEventLog(boot()).size());
+   String const end = std::to_string(writeEventLog(firmwareBoot()).size());
    struct Row {
       char const *name;
       std::function<void(Switch &)> change;
@@ -124,7 +111,7 @@ TEST(EvidenceHost, ReplaysTheLogAgainstEveryBankOfTheTpm) {
    };
    for (auto const &row : rows) {
       SCOPED_TRACE(row.name);
-      Switch s(boot());
+      Switch s(firmwareBoot());
       if (row.change) row.change(s);
       auto const got = s.evidence(row.args);
       expectLines(got, row.lines);
@@ -140,7 +127,7 @@ TEST(EvidenceHost, ReplaysTheLogAgainstEveryBankOfTheTpm) {
 TEST(EvidenceHost, TheFleetBaselineNamesTheFirstEventThatDiffers) {
    TempDir dir;
    String const baseline = dir.path() + "/baseline.json";
-   Switch(boot()).evidence({"--write-baseline", baseline});
+   Switch(firmwareBoot()).evidence({"--write-baseline", baseline});
    // A record that is unique to each machine, marked so in the baseline.
    String text = slurp(baseline);
    auto const at = text.find("\"content_type\"", text.find("\"pcr\": 1,"));
@@ -152,9 +139,9 @@ TEST(EvidenceHost, TheFleetBaselineNamesTheFirstEventThatDiffers) {
       LogPlan machine;
       String lines;
    } const rows[] = {
-      {"the same boot", boot(), "baselineDifference:\n"},
-      {"a machine-unique event skipped", boot("\\EFI\\BOOT\\BOOTX64.EFI", "\x02"), "baselineDifference:\n"},
-      {"another boot application", boot("\\EFI\\debian\\grubx64.efi"),
+      {"the same boot", firmwareBoot(), "baselineDifference:\n"},
+      {"a machine-unique event skipped", firmwareBoot("\\EFI\\BOOT\\BOOTX64.EFI", "\x02"), "baselineDifference:\n"},
+      {"another boot application", firmwareBoot("\\EFI\\debian\\grubx64.efi"),
        "baselineDifference: " + grub + "\nwarning: PCR 4 differs from the baseline from " + grub.substr(3) + "\n"},
    };
    for (auto const &row : rows) {
@@ -164,18 +151,18 @@ TEST(EvidenceHost, TheFleetBaselineNamesTheFirstEventThatDiffers) {
       EXPECT_EQ(got.find("why"), String::npos) << got;
    }
    // People read the boot path as the firmware wrote it, one backslash a separator.
-   auto const report = Switch(boot("\\EFI\\debian\\grubx64.efi")).host.run({"--live", "--baseline", baseline});
+   auto const report = Switch(firmwareBoot("\\EFI\\debian\\grubx64.efi")).host.run({"--live", "--baseline", baseline});
    EXPECT_NE(report.out.find("  baselineDifference  " + grub + "\n"), String::npos) << report.out;
    EXPECT_NE(report.out.find("PCR 4 differs from the baseline from " + grub.substr(3) + "\n"), String::npos)
       << report.out;
 }
 
 TEST(EvidenceHost, NoTpm2NoEvidenceAndACollectedLogStandsAlone) {
-   Switch s(boot());
+   Switch s(firmwareBoot());
    fs::remove_all(s.host.sw.path() + "/root/sys/class/tpm");
    EXPECT_EQ(s.evidence(), "absent\n");
    // A collected log on a machine without a TPM: replayed, its PCRs unknown.
-   s.host.sw.file("collected.log", writeEventLog(boot()));
+   s.host.sw.file("collected.log", writeEventLog(firmwareBoot()));
    expectLines(s.evidence({"--event-log", s.host.sw.path() + "/collected.log", "--tcti", "swtpm:host=127.0.0.1,port=1",
                            "--fail-on-unknown"},
                           4),

@@ -11,16 +11,6 @@ using namespace SentrelTest;
 
 namespace {
 
-// Events of a boot over PCRs 0-7, separators last.
-std::vector<LogEvent> firmwareBoot() {
-   std::vector<LogEvent> events{{0, EV_S_CRTM_VERSION, "1.07", {}},
-                                {1, EV_EFI_VARIABLE_BOOT, uefiVariableData("BootOrder", "\x01"), {}},
-                                {4, EV_EFI_BOOT_SERVICES_APPLICATION, imageLoadData("\\EFI\\BOOT\\BOOTX64.EFI"), {}},
-                                {7, EV_EFI_VARIABLE_DRIVER_CONFIG, uefiVariableData("SecureBoot", "\x01"), {}}};
-   for (std::uint32_t pcr = 0; pcr < 8; ++pcr) events.push_back({pcr, EV_SEPARATOR, String(4, '\0'), {}});
-   return events;
-}
-
 EventLog parsed(LogPlan const &plan) {
    auto result = parseEventLog(writeEventLog(plan));
    if (auto const *p = std::get_if<EventLogProblem>(&result)) ADD_FAILURE() << p->what;
@@ -43,14 +33,16 @@ TpmPcrs tpmOf(LogPlan const &plan, std::vector<std::uint16_t> const &banks) {
    return tpm;
 }
 
-String joined(std::vector<String> const &items) {
+template <class T>
+String joined(std::vector<T> const &items) {
    String out;
-   for (auto const &i : items) out += (out.empty() ? "" : " ") + i;
-   return out;
-}
-String joined(std::vector<Problem> const &problems) {
-   String out;
-   for (auto const &p : problems) out += (out.empty() ? "" : "; ") + p.why;
+   for (auto const &i : items) {
+      if constexpr (std::is_same_v<T, Problem>) {
+         out += (out.empty() ? "" : "; ") + i.why;
+      } else {
+         out += (out.empty() ? "" : " ") + i;
+      }
+   }
    return out;
 }
 
@@ -76,7 +68,7 @@ String const kAllMismatched = "mismatched: sha1:0 sha1:1 sha1:2 sha1:3 sha1:4 sh
 }  // namespace
 
 TEST(Verdict, ComparedPcrsAreTheFirmwaresAndThoseOfTheBootLoaderThatTheLogExtends) {
-   LogPlan plan{.events = firmwareBoot()};
+   LogPlan plan = firmwareBoot();
    EXPECT_EQ(comparedPcrs(parsed(plan)).to_ulong(), 0xFFul);
    for (std::uint32_t pcr : {8u, 9u, 10u, 11u, 12u, 13u, 14u, 15u, 16u, 23u}) {
       plan.events.push_back({pcr, EV_IPL, "loader " + std::to_string(pcr), {}});
@@ -86,7 +78,7 @@ TEST(Verdict, ComparedPcrsAreTheFirmwaresAndThoseOfTheBootLoaderThatTheLogExtend
 }
 
 TEST(Verdict, EachBankIsReplayedUnextendedUnverifiedOrNotComparedAndAProblemStaysWithItsBank) {
-   LogPlan const boot{.startupLocality = 3, .events = firmwareBoot()};
+   LogPlan const boot = firmwareBoot();
    LogPlan loader = boot, withoutPcr7 = boot, header = boot, sha1Layout = boot;
    for (std::uint32_t pcr : {8u, 9u, 10u, 11u, 14u, 16u}) loader.events.push_back({pcr, EV_IPL, "grub", {}});
    std::erase_if(withoutPcr7.events, [](LogEvent const &e) { return e.pcr == 7; });
@@ -166,17 +158,4 @@ TEST(Verdict, EachBankIsReplayedUnextendedUnverifiedOrNotComparedAndAProblemStay
       EXPECT_EQ(described(f), row.findings);
       EXPECT_EQ(joined(f.logBank), row.log.format == EventLogFormat::Sha1 ? "sha1" : "sha1 sha256");
    }
-}
-
-TEST(Verdict, TheLogItselfAndTheBaselineAreReported) {
-   LogPlan const boot{.events = firmwareBoot()};
-   LogPlan other = boot;
-   other.events[2] = {4, EV_EFI_BOOT_SERVICES_APPLICATION, imageLoadData("\\EFI\\debian\\grubx64.efi"), {}};
-   auto const baseline = parsed(boot);
-   Findings const f = verdict(parsed(other), tpmOf(other, {kAlgSha256}), &baseline);
-   EXPECT_EQ(f.eventLogFormat, "crypto-agile");
-   EXPECT_EQ(f.eventCount, 13u);
-   EXPECT_EQ(described(f), "replayed: sha256\n");
-   ASSERT_EQ(f.baselineDifference.size(), 1u);
-   EXPECT_EQ(f.baselineDifference[0].text, "4: event 3 EV_EFI_BOOT_SERVICES_APPLICATION \\EFI\\debian\\grubx64.efi");
 }
