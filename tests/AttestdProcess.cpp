@@ -1,84 +1,53 @@
 #include "tests/AttestdProcess.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 extern char **environ;
 
 namespace SentrelTest {
 
-namespace {
-
-sockaddr_in loopback(std::uint16_t port) {
-   return {.sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
-}
-
-std::uint16_t freePort() {
-   sockaddr_in a = loopback(0);
+// A socket on loopback connected to `port`, or for port 0 bound to a free
+// one: the port, 0 when that failed. The socket is closed either way.
+static std::uint16_t loopback(std::uint16_t port) {
+   sockaddr_in a{.sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
+   auto *address = reinterpret_cast<sockaddr *>(&a);
    socklen_t size = sizeof a;
    int const s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-   bind(s, reinterpret_cast<sockaddr *>(&a), size);
-   getsockname(s, reinterpret_cast<sockaddr *>(&a), &size);
+   bool const done =
+      port ? connect(s, address, size) == 0 : bind(s, address, size) == 0 && getsockname(s, address, &size) == 0;
    close(s);
-   return ntohs(a.sin_port);
+   return done ? ntohs(a.sin_port) : 0;
 }
 
-}  // namespace
-
-AttestdProcess::AttestdProcess(String const &program, std::vector<String> args, String const &logFile)
-    : port_(freePort()) {
-   args.insert(args.end(), {"--no-syslog", "--listen", address()});
-   std::vector<char *> argv{const_cast<char *>(program.c_str())};
-   for (auto &a : args) argv.push_back(a.data());
-   argv.push_back(nullptr);
-   posix_spawn_file_actions_t files;
-   posix_spawn_file_actions_init(&files);
-   posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
-   posix_spawn_file_actions_addopen(&files, 1, logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-   posix_spawn_file_actions_addopen(&files, 2, logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-   if (posix_spawn(&pid_, program.c_str(), &files, nullptr, argv.data(), environ) != 0) pid_ = -1;
-   posix_spawn_file_actions_destroy(&files);
+AttestdProcess::AttestdProcess(String const &program, std::vector<String> const &args, String const &logFile)
+    : port_(loopback(0)) {
+   // Through a shell that becomes the program: its redirections are the plumbing.
+   String command = "exec '" + program + "'";
+   for (auto const &a : args) command += " '" + a + "'";
+   command += " --no-syslog --listen " + address() + " </dev/null >>'" + logFile + "' 2>&1";
+   char const *argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+   if (posix_spawn(&pid_, "/bin/sh", nullptr, nullptr, const_cast<char **>(argv), environ) != 0) pid_ = -1;
 }
 
-AttestdProcess::~AttestdProcess() { stop(); }
-
-bool AttestdProcess::serving(std::chrono::seconds patience) {
-   auto const until = std::chrono::steady_clock::now() + patience;
-   while (pid_ > 0 && std::chrono::steady_clock::now() < until) {
-      if (waitpid(pid_, nullptr, WNOHANG) != 0) {
-         pid_ = -1;
-         return false;
-      }
-      int const s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      sockaddr_in const a = loopback(port_);
-      bool const connected = connect(s, reinterpret_cast<sockaddr const *>(&a), sizeof a) == 0;
-      close(s);
-      if (connected) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+bool AttestdProcess::serving() {
+   for (int i = 0; i < 1000 && pid_ > 0; ++i) {
+      if (waitpid(pid_, nullptr, WNOHANG) != 0) return pid_ = -1, false;
+      if (loopback(port_)) return true;
+      usleep(20000);
    }
    return false;
 }
 
 int AttestdProcess::stop() {
-   if (pid_ <= 0) return -1;
-   kill(pid_, SIGTERM);
    int status = 0;
-   auto const until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-   while (waitpid(pid_, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() >= until) {
-         kill(pid_, SIGKILL);
-         waitpid(pid_, &status, 0);
-         break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-   }
+   if (pid_ <= 0 || kill(pid_, SIGTERM) != 0) return -1;
+   // One that has not ended within 10 seconds is killed, and reported so (137).
+   for (int i = 0; i < 1000 && waitpid(pid_, &status, WNOHANG) == 0; ++i) usleep(10000);
+   if (waitpid(pid_, &status, WNOHANG) == 0) kill(pid_, SIGKILL), waitpid(pid_, &status, 0);
    pid_ = -1;
    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }

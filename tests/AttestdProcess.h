@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <sys/types.h>
 #include <vector>
@@ -8,8 +7,8 @@
 #include "evidence/Bytes.h"
 
 // sentrel-attestd as a process of the tests and the benchmarks: started on
-// a free loopback port with its log in a file, stopped with SIGTERM as
-// systemd stops it, however the caller ends.
+// a free loopback port with its output in a log file, stopped with SIGTERM
+// as systemd stops it, however the caller ends.
 namespace SentrelTest {
 
 using SentrelEvidence::String;
@@ -17,13 +16,13 @@ using SentrelEvidence::String;
 class AttestdProcess {
  public:
    // Adds --no-syslog and --listen 127.0.0.1:PORT to `args`.
-   AttestdProcess(String const &program, std::vector<String> args, String const &logFile);
+   AttestdProcess(String const &program, std::vector<String> const &args, String const &logFile);
    AttestdProcess(AttestdProcess const &) = delete;
-   ~AttestdProcess();
-   // Whether it serves: its port takes a connection within `patience`.
-   bool serving(std::chrono::seconds patience = std::chrono::seconds(20));
+   ~AttestdProcess() { stop(); }
+   // Whether it serves: its port takes a connection within 20 seconds.
+   bool serving();
    String address() const { return "127.0.0.1:" + std::to_string(port_); }
-   // Stops it; its exit status as a shell reports it.
+   // Stops it; its exit status as a shell reports it (-1 when it ended before).
    int stop();
 
  private:
