@@ -8,7 +8,7 @@
 #include "TestSupport.h"
 #include "tests/AttestdProcess.h"
 #include "tests/SoftwareQuote.h"
-#include "tests/ToolsQuoter.h"
+#include "tests/ToolsExtend.h"
 
 using namespace SentrelTest;
 using SentrelEvidence::kAlgSha256;
