@@ -43,14 +43,6 @@ String openSslError() {
 
 std::uint8_t const *bytes(String const &s) { return reinterpret_cast<std::uint8_t const *>(s.data()); }
 
-String pcrList(PcrSet const &pcrs) {
-   String list;
-   for (std::size_t pcr = 0; pcr < pcrs.size(); ++pcr) {
-      if (pcrs.test(pcr)) list += concat(list.empty() ? "" : ", ", pcr);
-   }
-   return list.empty() ? "none" : list;
-}
-
 // The certificate chain the response carries: leaf first, as attestz has it.
 String certificateOf(AttestResponse const &r) {
    auto const &cert = r.attestation_cert();

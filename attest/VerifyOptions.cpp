@@ -167,16 +167,7 @@ VerifyOptions parseVerifyOptions(int argc, char **argv) {
          }
          o.timeout = std::chrono::milliseconds(static_cast<long>(std::llround(seconds * 1000)));
       } else if (arg == "--format") {
-         String const f = value();
-         if (f == "text") {
-            o.format = Format::Text;
-         } else if (f == "json") {
-            o.format = Format::Json;
-         } else if (f == "openmetrics") {
-            o.format = Format::OpenMetrics;
-         } else {
-            throw UsageError("--format takes text, json or openmetrics, not '" + f + "'");
-         }
+         o.format = SentrelHost::formatNamed(value());
       } else if (arg == "--output") {
          o.output = value();
       } else if (arg == "--save") {

@@ -37,6 +37,7 @@
 #include "BenchSupport.h"
 #include "attest/attestz.grpc.pb.h"
 #include "tests/EventLogWriter.h"
+#include "tpm/PcrRead.h"
 #include "tpm/Quote.h"
 
 extern char **environ;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -30,6 +31,16 @@ inline constexpr std::uint32_t EV_EFI_VARIABLE_AUTHORITY = 0x800000E0;
 
 // A PC Client TPM has PCRs 0 to 23.
 inline constexpr std::uint32_t kPcrCount = 24;
+
+// PCR indices as people read them: "0, 1, 8"; "none" for none.
+template <std::size_t N>
+String pcrList(std::bitset<N> const &pcrs) {
+   String list;
+   for (std::size_t pcr = 0; pcr < N; ++pcr) {
+      if (pcrs.test(pcr)) list += concat(list.empty() ? "" : ", ", pcr);
+   }
+   return list.empty() ? "none" : list;
+}
 
 enum class EventLogFormat { CryptoAgile, Sha1 };
 // "crypto-agile" or "sha1".

@@ -35,12 +35,6 @@ Extension extension(TpmBank const &bank, std::optional<std::uint8_t> locality) {
    return all ? Extension::AtReset : Extension::Unknown;
 }
 
-String pcrList(std::vector<std::uint32_t> const &pcrs) {
-   String list;
-   for (auto const pcr : pcrs) list += concat(list.empty() ? "" : ", ", pcr);
-   return list;
-}
-
 }  // namespace
 
 std::bitset<kPcrCount> comparedPcrs(EventLog const &log) {
@@ -68,21 +62,21 @@ Findings verdict(EventLog const &log, TpmPcrs const &tpm, EventLog const *baseli
          f.comparison.push_back({"this OpenSSL cannot compute " + name, {}});
          continue;
       }
-      std::vector<std::uint32_t> unread;
+      std::bitset<kPcrCount> unread;
       for (std::uint32_t pcr = 0; pcr < kPcrCount; ++pcr) {
          if (!compared.test(pcr)) continue;
          auto const v = held->second.values.find(pcr);
          if (v == held->second.values.end()) {
-            unread.push_back(pcr);
+            unread.set(pcr);
          } else if (v->second != replayed->second.values[pcr]) {
             f.mismatchedPcr.push_back(concat(name, ":", pcr));
          }
       }
-      if (unread.empty()) {
+      if (unread.none()) {
          f.replayedBank.push_back(name);
       } else {
          f.comparison.push_back(held->second.problem.value_or(
-            Problem{concat(name, " PCR ", pcrList(unread), " ", unread.size() == 1 ? "was" : "were", " not read"), {}}));
+            Problem{concat(name, " PCR ", pcrList(unread), " ", unread.count() == 1 ? "was" : "were", " not read"), {}}));
       }
    }
    if (tpm.enabledBanksUnknown) {

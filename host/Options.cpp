@@ -4,6 +4,13 @@
 
 namespace SentrelHost {
 
+Format formatNamed(String const &name) {
+   if (name == "text") return Format::Text;
+   if (name == "json") return Format::Json;
+   if (name == "openmetrics") return Format::OpenMetrics;
+   throw UsageError("--format takes text, json or openmetrics, not '" + name + "'");
+}
+
 char const *const kUsage =
    "usage: sentrel [--agent PATH] [--live] [--state FILE] [--sysroot DIR] [--toggles DIR]\n"
    "               [--trace LEVELS] [--format text|json|openmetrics] [--output FILE]\n"
@@ -59,16 +66,7 @@ Options parseOptions(int argc, char **argv) {
       } else if (arg == "--trace") {
          o.trace = value();
       } else if (arg == "--format") {
-         String const f = value();
-         if (f == "text") {
-            o.format = Format::Text;
-         } else if (f == "json") {
-            o.format = Format::Json;
-         } else if (f == "openmetrics") {
-            o.format = Format::OpenMetrics;
-         } else {
-            throw UsageError("--format takes text, json or openmetrics, not '" + f + "'");
-         }
+         o.format = formatNamed(value());
       } else if (arg == "--output") {
          o.outputPath = value();
       } else if (arg == "--script") {

@@ -9,6 +9,8 @@ namespace SentrelHost {
 using Loom::String;
 
 enum class Format { Text, Json, OpenMetrics };
+// The format --format names; a UsageError for any other.
+Format formatNamed(String const &name);
 
 // The command line of `sentrel`.
 struct Options {

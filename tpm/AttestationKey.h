@@ -16,23 +16,6 @@ namespace SentrelTpm {
 // (0x810100xx) that provisioning guidance puts there.
 inline constexpr TPM2_HANDLE kDefaultAkHandle = 0x81000100;
 
-// A failed TPM operation: what was being done, with the response code as
-// tpm2-tss decodes it.
-struct TpmProblem {
-   enum class Kind {
-      NoKey,           // nothing persisted at the handle
-      NotAnAk,         // something persisted there that is not an attestation key
-      KeyExists,       // creating was refused: the handle holds a key
-      BankNotEnabled,  // the TPM has no such PCR bank enabled
-      PcrsChanging,    // the PCRs were extended again at every attempt to quote them
-      Tpm,             // the TPM or the way to it failed
-   };
-   Kind kind;
-   String why;
-   // Of the command that failed, success when none did.
-   TSS2_RC rc = TSS2_RC_SUCCESS;
-};
-
 // The handle as the TPM's tools write it: "0x81000100".
 String handleText(TPM2_HANDLE handle);
 

@@ -7,42 +7,19 @@
 #include <tss2/tss2_mu.h>
 
 #include "evidence/TpmAlgorithm.h"
+#include "tpm/PcrRead.h"
 #include "tpm/TpmCommand.h"
 
 namespace SentrelTpm {
 
 using SentrelEvidence::algorithmName;
 using SentrelEvidence::concat;
+using SentrelEvidence::pcrList;
 
 namespace {
 
-// PC Client TPMs have 24 PCRs: three bytes of selection.
-constexpr std::uint8_t kSelectSize = 3;
 // Reads and quotes before PCRs that keep changing are given up on.
 constexpr int kQuoteAttempts = 3;
-
-TPML_PCR_SELECTION selection(TPMI_ALG_HASH bank, std::bitset<SentrelEvidence::kPcrCount> pcrs) {
-   TPML_PCR_SELECTION s{};
-   s.count = 1;
-   s.pcrSelections[0].hash = bank;
-   s.pcrSelections[0].sizeofSelect = kSelectSize;
-   for (std::uint32_t i = 0; i < pcrs.size(); ++i) {
-      if (pcrs.test(i)) s.pcrSelections[0].pcrSelect[i / 8] |= BYTE(1u << (i % 8));
-   }
-   return s;
-}
-
-String pcrList(std::bitset<SentrelEvidence::kPcrCount> pcrs) {
-   String list;
-   for (std::uint32_t i = 0; i < pcrs.size(); ++i) {
-      if (pcrs.test(i)) list += concat(list.empty() ? "" : ", ", i);
-   }
-   return list;
-}
-
-TpmProblem tpmProblem(TpmConnection const &tpm, String what, TSS2_RC rc) {
-   return {TpmProblem::Kind::Tpm, what + " through " + tpm.tcti() + ": " + tpm.responseText(rc), rc};
-}
 
 // The hash that a signature was made with, which is also the hash of the
 // quote's pcrDigest.
@@ -87,7 +64,7 @@ std::variant<OneQuote, TpmProblem> quoteOnce(TpmConnection const &tpm, ESYS_TR a
    std::copy_n(request.nonce.data(), qualifyingData.size, qualifyingData.buffer);
    TPMT_SIG_SCHEME scheme{};
    scheme.scheme = TPM2_ALG_NULL;  // the AK's own
-   TPML_PCR_SELECTION const pcrs = selection(request.bank, request.pcrs);
+   TPML_PCR_SELECTION const pcrs = pcrSelection(request.bank, request.pcrs);
    TPM2B_ATTEST *quoted = nullptr;
    TPMT_SIGNATURE *signature = nullptr;
    TSS2_RC const rc = command(
@@ -99,7 +76,7 @@ std::variant<OneQuote, TpmProblem> quoteOnce(TpmConnection const &tpm, ESYS_TR a
       [&] { return Esys_Quote_Finish(tpm.esys(), &quoted, &signature); });
    EsysBuffer<TPM2B_ATTEST> const attest(quoted);
    EsysBuffer<TPMT_SIGNATURE> const sig(signature);
-   if (rc != TSS2_RC_SUCCESS) return tpmProblem(tpm, "cannot quote the " + algorithmName(request.bank) + " PCRs", rc);
+   if (rc != TSS2_RC_SUCCESS) return tpm.problem("cannot quote the " + algorithmName(request.bank) + " PCRs", rc);
 
    OneQuote out;
    out.quoted.assign(reinterpret_cast<char const *>(attest->attestationData),
@@ -109,7 +86,7 @@ std::variant<OneQuote, TpmProblem> quoteOnce(TpmConnection const &tpm, ESYS_TR a
    TSS2_RC const decodedRc = Tss2_MU_TPMS_ATTEST_Unmarshal(reinterpret_cast<std::uint8_t const *>(out.quoted.data()),
                                                            out.quoted.size(), &offset, &decoded);
    if (decodedRc != TSS2_RC_SUCCESS || decoded.type != TPM2_ST_ATTEST_QUOTE) {
-      return tpmProblem(tpm, "the TPM's quote is no TPMS_ATTEST of a quote", decodedRc);
+      return tpm.problem("the TPM's quote is no TPMS_ATTEST of a quote", decodedRc);
    }
    TPM2B_DIGEST const &digest = decoded.attested.quote.pcrDigest;
    out.pcrDigest.assign(reinterpret_cast<char const *>(digest.buffer),
@@ -119,67 +96,12 @@ std::variant<OneQuote, TpmProblem> quoteOnce(TpmConnection const &tpm, ESYS_TR a
    std::uint8_t marshalled[sizeof(TPMT_SIGNATURE)];
    offset = 0;
    TSS2_RC const marshalRc = Tss2_MU_TPMT_SIGNATURE_Marshal(sig.get(), marshalled, sizeof marshalled, &offset);
-   if (marshalRc != TSS2_RC_SUCCESS) return tpmProblem(tpm, "cannot marshal the quote's signature", marshalRc);
+   if (marshalRc != TSS2_RC_SUCCESS) return tpm.problem("cannot marshal the quote's signature", marshalRc);
    out.signature.assign(reinterpret_cast<char const *>(marshalled), offset);
    return out;
 }
 
 }  // namespace
-
-std::variant<std::map<std::uint32_t, String>, TpmProblem> readBankPcrs(TpmConnection const &tpm, TPMI_ALG_HASH bank,
-                                                                       std::bitset<SentrelEvidence::kPcrCount> pcrs) {
-   auto const *algorithm = SentrelEvidence::tpmAlgorithm(bank);
-   std::map<std::uint32_t, String> values;
-   auto missing = pcrs;
-   // A response holds at most eight values: the missing ones are asked again.
-   while (missing.any()) {
-      TPML_PCR_SELECTION const wanted = selection(bank, missing);
-      UINT32 updates = 0;
-      TPML_PCR_SELECTION *selected = nullptr;
-      TPML_DIGEST *digests = nullptr;
-      TSS2_RC const rc = command(
-         tpm, [&] { return Esys_PCR_Read_Async(tpm.esys(), ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, &wanted); },
-         [&] { return Esys_PCR_Read_Finish(tpm.esys(), &updates, &selected, &digests); });
-      EsysBuffer<TPML_PCR_SELECTION> const selectedOut(selected);
-      EsysBuffer<TPML_DIGEST> const digestsOut(digests);
-      if (rc != TSS2_RC_SUCCESS) return tpmProblem(tpm, "cannot read the " + algorithmName(bank) + " PCRs", rc);
-
-      bool took = false;
-      std::uint32_t next = 0;
-      std::uint32_t const count = std::min<std::uint32_t>(digestsOut->count, std::size(digestsOut->digests));
-      for (std::uint32_t b = 0; b < std::min<std::uint32_t>(selectedOut->count, TPM2_NUM_PCR_BANKS); ++b) {
-         TPMS_PCR_SELECTION const &s = selectedOut->pcrSelections[b];
-         std::uint32_t const size = std::min<std::uint32_t>(s.sizeofSelect, TPM2_PCR_SELECT_MAX);
-         for (std::uint32_t index = 0; index < size * 8 && next < count; ++index) {
-            if ((s.pcrSelect[index / 8] & (1u << (index % 8))) == 0) continue;
-            TPM2B_DIGEST const &d = digestsOut->digests[next++];
-            if (s.hash != bank || index >= missing.size() || !missing.test(index)) continue;
-            std::size_t const length = std::min<std::size_t>(d.size, sizeof d.buffer);
-            if (algorithm && length != algorithm->digestSize) {
-               return TpmProblem{TpmProblem::Kind::Tpm,
-                                 concat("the TPM at ", tpm.tcti(), " returned ", length, " bytes for ",
-                                        algorithmName(bank), " PCR ", index, ", not ", algorithm->digestSize),
-                                 TSS2_RC_SUCCESS};
-            }
-            values[index] = String(reinterpret_cast<char const *>(d.buffer), length);
-            missing.reset(index);
-            took = true;
-         }
-      }
-      if (took) continue;
-      // The TPM leaves out the PCRs of a bank it has not allocated.
-      if (values.empty()) {
-         return TpmProblem{TpmProblem::Kind::BankNotEnabled,
-                           "the TPM at " + tpm.tcti() + " has no " + algorithmName(bank) + " PCR bank enabled",
-                           TSS2_RC_SUCCESS};
-      }
-      return TpmProblem{
-         TpmProblem::Kind::Tpm,
-         "the TPM at " + tpm.tcti() + " did not return " + algorithmName(bank) + " PCR " + pcrList(missing),
-         TSS2_RC_SUCCESS};
-   }
-   return values;
-}
 
 std::variant<PcrQuote, TpmProblem> quotePcrs(TpmConnection const &tpm, ESYS_TR ak, QuoteRequest const &request) {
    auto read = readBankPcrs(tpm, request.bank, request.pcrs);

@@ -39,9 +39,4 @@ struct PcrQuote {
 // BankNotEnabled, and nothing is quoted.
 std::variant<PcrQuote, TpmProblem> quotePcrs(TpmConnection const &tpm, ESYS_TR ak, QuoteRequest const &request);
 
-// The PCR values of one bank; BankNotEnabled when the TPM returns none of
-// them because it has not enabled the bank.
-std::variant<std::map<std::uint32_t, String>, TpmProblem> readBankPcrs(TpmConnection const &tpm, TPMI_ALG_HASH bank,
-                                                                       std::bitset<SentrelEvidence::kPcrCount> pcrs);
-
 }  // namespace SentrelTpm

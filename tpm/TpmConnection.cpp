@@ -37,6 +37,10 @@ TpmConnection::~TpmConnection() {
    if (tctiContext_) Tss2_TctiLdr_Finalize(&tctiContext_);
 }
 
+TpmProblem TpmConnection::problem(String const &what, TSS2_RC rc) const {
+   return {TpmProblem::Kind::Tpm, what + " through " + name_ + ": " + responseText(rc), rc};
+}
+
 String TpmConnection::responseText(TSS2_RC rc) const {
    char number[16];
    std::snprintf(number, sizeof number, "0x%08x", static_cast<unsigned>(rc));

@@ -9,6 +9,23 @@ namespace SentrelTpm {
 
 using String = std::string;
 
+// A failed TPM operation: what was being done, with the response code as
+// tpm2-tss decodes it.
+struct TpmProblem {
+   enum class Kind {
+      NoKey,           // nothing persisted at the handle
+      NotAnAk,         // something persisted there that is not an attestation key
+      KeyExists,       // creating was refused: the handle holds a key
+      BankNotEnabled,  // the TPM has no such PCR bank enabled
+      PcrsChanging,    // the PCRs were extended again at every attempt to quote them
+      Tpm,             // the TPM or the way to it failed
+   };
+   Kind kind;
+   String why;
+   // Of the command that failed, success when none did.
+   TSS2_RC rc = TSS2_RC_SUCCESS;
+};
+
 // A TPM reached through ESYS over a TCTI named by the loader's configuration
 // ("device:/dev/tpmrm0", "swtpm:host=127.0.0.1,port=2321"). Both contexts are
 // finalized with it, on every path. The TPM is not started: the firmware or
@@ -43,6 +60,9 @@ class TpmConnection {
          if (!tryAgain(rc) || std::chrono::steady_clock::now() >= deadline) return rc;
       }
    }
+
+   // What failed doing `what`, through this TCTI, with the response code.
+   TpmProblem problem(String const &what, TSS2_RC rc) const;
 
    // A response code as tpm2-tss decodes it, with its number:
    // "tcti:IO failure (0x000a000a)"; a response still awaited at the
