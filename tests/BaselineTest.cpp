@@ -96,6 +96,8 @@ TEST(Baseline, AMalformedBaselineIsAProblemAtItsOffset) {
            {with(R"("pcr": 7,)", R"("pcr": 7, "machine_unique": "yes",)"), R"("yes")",
             R"(record 0: "machine_unique" is not true or false)"},
            {with(R"(, "event_data")", R"(, "data")"), R"({"event_type")", R"(record 0: no "event_data")"},
+           {with(R"("pcr": 7)", R"("pcr": 24)"), "{",
+            "event 4 at byte 1: its PCR index 24 is past 23, the last PCR of a PC Client TPM"},
         }) {
       EXPECT_EQ(read(json), std::to_string(at.empty() ? json.size() : json.find(at)) + ": " + problem);
    }
@@ -170,10 +172,4 @@ TEST(Baseline, AnExportOfAnotherToolIsReadAsTheLogItCameFrom) {
                               "content": {"event_type": "0x1z", "event_data": ""}}])";
    EXPECT_EQ(read(unnamed), std::to_string(unnamed.find("\"0x1z")) + R"(: record 0: "event_type" is not an event type)");
    EXPECT_EQ(std::get<EventLog>(parseCanonicalEventLog(canonicalEventLogJson(binary))).algorithms, binary.algorithms);
-}
-
-TEST(Baseline, AnExportWithAnEventOnAPcrPastTheLastIsAProblemAtTheRecord) {
-   String const json = R"([{"recnum": 0, "pcr": 24, "digests": [], "content_type": "pcclient_std",
-                            "content": {"event_type": "EV_IPL", "event_data": ""}}])";
-   EXPECT_EQ(read(json), "1: event 0 at byte 1: its PCR index 24 is past 23, the last PCR of a PC Client TPM");
 }

@@ -29,21 +29,6 @@ String imageData(String const &path) { return String(24, '\0') + littleEndian(pa
 
 }  // namespace
 
-TEST(EventNames, TypesHaveTheirTcgNamesInEitherCaseAndOthersTheirNumber) {
-   for (auto const &[type, name, otherCase] : std::vector<std::tuple<std::uint32_t, String, String>>{
-           {0x00000000, "EV_PREBOOT_CERT", "ev_preboot_cert"},
-           {0x8000000C, "EV_EFI_VARIABLE_BOOT2", "Ev_Efi_Variable_Boot2"},
-           {0x800000E4, "EV_EFI_SPDM_DEVICE_AUTHORITY", "ev_efi_spdm_device_authority"}}) {
-      EXPECT_EQ(eventTypeName(type), name);
-      EXPECT_EQ(eventType(name), type) << name;
-      EXPECT_EQ(eventType(otherCase), type) << otherCase;
-   }
-   EXPECT_EQ(eventTypeName(0x000000FF), "0x000000ff");
-   for (char const *name : {"0x000000ff", "EV_", "EV_IPLX", "EV_EFI_VARIABLE_BOO", ""}) {
-      EXPECT_EQ(eventType(name), std::nullopt) << name;
-   }
-}
-
 TEST(EventNames, ComponentIsWhatTheEventSaysItMeasuredAndNothingWhenItsDataIsMalformed) {
    auto const app = EV_EFI_BOOT_SERVICES_APPLICATION, driver = EV_EFI_BOOT_SERVICES_DRIVER;
    String const fvFile = node(4, 6, String("\x78\x56\x34\x12\xbc\x9a\xf0\xde\x01\x02\x03\x04\x05\x06\x07\x08", 16));
