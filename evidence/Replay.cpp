@@ -44,10 +44,13 @@ String resetValue(std::uint32_t pcr, std::size_t digestSize, std::optional<std::
    return value;
 }
 
-Replay replayEventLog(EventLog const &log) {
+Replay replayEventLog(EventLog const &log) { return replayEventLog(log, log.algorithms); }
+
+Replay replayEventLog(EventLog const &log, std::span<std::uint16_t const> algorithms) {
    Replay replay;
    std::vector<BankReplay> banks;
    for (auto const id : log.algorithms) {
+      if (std::find(algorithms.begin(), algorithms.end(), id) == algorithms.end()) continue;
       auto const *a = tpmAlgorithm(id);
       std::unique_ptr<EVP_MD, MdFree> md(a ? EVP_MD_fetch(nullptr, a->evpName, nullptr) : nullptr);
       std::unique_ptr<EVP_MD_CTX, CtxFree> ctx(EVP_MD_CTX_new());

@@ -4,6 +4,7 @@
 #include <bitset>
 #include <cstdint>
 #include <map>
+#include <span>
 #include <vector>
 
 #include "evidence/EventLog.h"
@@ -25,6 +26,9 @@ struct Replay {
 
 // Per algorithm of the log, every PCR: EV_NO_ACTION events are not extended.
 Replay replayEventLog(EventLog const &log);
+// The same for those of `algorithms` that the log carries: a bank nobody
+// compares is not worth its hashing.
+Replay replayEventLog(EventLog const &log, std::span<std::uint16_t const> algorithms);
 
 // A PCR's value after TPM2_Startup: zeros, PCR 0 with the startup locality
 // in its last byte.

@@ -51,7 +51,12 @@ Findings verdict(EventLog const &log, TpmPcrs const &tpm, EventLog const *baseli
    f.eventLogFormat = eventLogFormatName(log.format);
    f.eventCount = log.events.size();
    auto const compared = comparedPcrs(log);
-   Replay const replay = replayEventLog(log);
+   // Only the banks the TPM holds are compared, so only they are replayed.
+   std::vector<std::uint16_t> held;
+   for (auto const id : log.algorithms) {
+      if (tpm.banks.contains(algorithmName(id))) held.push_back(id);
+   }
+   Replay const replay = replayEventLog(log, held);
    for (auto const id : log.algorithms) {
       String const name = algorithmName(id);
       f.logBank.push_back(name);
