@@ -22,15 +22,6 @@ EVP_MD const *digestOf(std::uint16_t algorithm) {
    }
 }
 
-// Empty for an algorithm no one knows.
-String hashOf(std::uint16_t algorithm, String const &bytes) {
-   unsigned char out[EVP_MAX_MD_SIZE];
-   unsigned size = 0;
-   auto const *md = digestOf(algorithm);
-   if (!md || !EVP_Digest(bytes.data(), bytes.size(), out, &size, md, nullptr)) return {};
-   return String(reinterpret_cast<char const *>(out), size);
-}
-
 // The algorithm's digest that an event carries.
 String eventDigest(LogEvent const &e, std::uint16_t algorithm) {
    auto const given = e.digests.find(algorithm);
@@ -40,6 +31,14 @@ String eventDigest(LogEvent const &e, std::uint16_t algorithm) {
 }
 
 }  // namespace
+
+String hashOf(std::uint16_t algorithm, String const &bytes) {
+   unsigned char out[EVP_MAX_MD_SIZE];
+   unsigned size = 0;
+   auto const *md = digestOf(algorithm);
+   if (!md || !EVP_Digest(bytes.data(), bytes.size(), out, &size, md, nullptr)) return {};
+   return String(reinterpret_cast<char const *>(out), size);
+}
 
 String writeEventLog(LogPlan const &log) {
    bool const agile = log.format == EventLogFormat::CryptoAgile;
@@ -97,6 +96,16 @@ std::map<std::pair<std::uint16_t, std::uint32_t>, String> replayedPcrs(LogPlan c
       }
    }
    return pcrs;
+}
+
+std::map<std::uint32_t, String> replayedBank(LogPlan const &plan, std::uint16_t bank) {
+   auto const replayed = replayedPcrs(plan);
+   std::map<std::uint32_t, String> values;
+   for (std::uint32_t pcr = 0; pcr < kPcrCount; ++pcr) {
+      auto const v = replayed.find({bank, pcr});
+      values[pcr] = v != replayed.end() ? v->second : String(hashOf(bank, {}).size(), '\0');
+   }
+   return values;
 }
 
 LogPlan firmwareBoot(String const &bootApplication, String const &bootOrder) {

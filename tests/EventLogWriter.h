@@ -42,6 +42,9 @@ String writeEventLog(LogPlan const &plan);
 
 // The values the log's PCRs replay to, raw, by (algorithm, PCR index).
 std::map<std::pair<std::uint16_t, std::uint32_t>, String> replayedPcrs(LogPlan const &plan);
+// Every PCR of `bank` as a TPM holds it after the log's boot: zeros where
+// the log extends nothing.
+std::map<std::uint32_t, String> replayedBank(LogPlan const &plan, std::uint16_t bank);
 
 // Event data as firmware writes it.
 String utf16(std::string_view ascii);
@@ -63,6 +66,10 @@ std::vector<LogEvent> firmwareEvents(std::size_t count, std::uint32_t seed);
 
 // Lower-case hex of raw bytes.
 inline String hex(String const &bytes) { return SentrelEvidence::hexOf(bytes); }
+
+// The algorithm's digest of `bytes`, raw, by OpenSSL; empty for an algorithm
+// no one knows.
+String hashOf(std::uint16_t algorithm, String const &bytes);
 
 // Appends `v` in little-endian order, as every field of a log is written.
 template <class T>

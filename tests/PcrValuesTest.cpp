@@ -1,6 +1,7 @@
+#include <cctype>
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
+#include "EventLogWriter.h"
 #include "Sentrel/platform/RunCommand.h"
 #include "Sentrel/platform/Sysroot.h"
 #include "TestSupport.h"
@@ -17,17 +18,9 @@ using Banks = std::map<String, std::tuple<std::map<std::uint32_t, String>, Strin
 using Pcrs = std::bitset<kPcrCount>;
 constexpr std::chrono::seconds kDeadline{10};
 
-String hexOf(String const &bytes, char const *digits = "0123456789abcdef") {
-   String text;
-   for (unsigned char const c : bytes) text += {digits[c >> 4], digits[c & 15]};
+String upper(String text) {
+   for (char &c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
    return text;
-}
-
-String digest(char const *evpName, String const &data) {
-   unsigned char out[EVP_MAX_MD_SIZE];
-   unsigned size = 0;
-   EXPECT_EQ(EVP_Digest(data.data(), data.size(), out, &size, EVP_get_digestbyname(evpName), nullptr), 1);
-   return String(reinterpret_cast<char const *>(out), size);
 }
 
 void expectBanks(TpmPcrs const &v, Banks const &expected) {
@@ -54,19 +47,20 @@ struct PcrValuesSwtpm : ::testing::Test {
 }  // namespace
 
 TEST(PcrValuesSysfs, ValuesAndTheProblemOfEachBank) {
-   String const sha1 = digest("SHA1", "pcr 0"), sha256 = digest("SHA256", "pcr 7"), pcrs = "/sys/class/tpm/tpm0/pcr-";
+   String const sha1 = hashOf(kAlgSha1, "pcr 0"), sha256 = hashOf(kAlgSha256, "pcr 7");
+   String const pcrs = "/sys/class/tpm/tpm0/pcr-";
    // The files below .../pcr-, the PCRs wanted, each enabled bank's values, problem and hint.
    std::vector<std::tuple<std::map<String, String>, Pcrs, Banks>> const cases{
       // The kernel's upper-case hex and newline, or neither; a missing file leaves the others read.
-      {{{"sha1/0", hexOf(sha1)}, {"sha1/5", hexOf(sha1)}, {"sha1/7", hexOf(sha1)},
-        {"sha256/7", hexOf(sha256, "0123456789ABCDEF") + "\n"}},
+      {{{"sha1/0", hex(sha1)}, {"sha1/5", hex(sha1)}, {"sha1/7", hex(sha1)},
+        {"sha256/7", upper(hex(sha256)) + "\n"}},
        Pcrs(1 << 0 | 1 << 5 | 1 << 7),
        {{"sha1", {{{0, sha1}, {5, sha1}, {7, sha1}}, "", ""}},
         {"sha256", {{{7, sha256}}, "cannot open " + pcrs + "sha256/0: No such file or directory", ""}}}},
       // A NUL, two hex digits too many or too few, a file too large; the
       // kernel's folder of sm3_256 is pcr-sm3.
-      {{{"sha1/0", String(20, '0') + '\0' + String(19, '0')}, {"sha256/0", hexOf(sha256) + "00\n"},
-        {"sm3/0", hexOf(sha256).substr(2) + "\n"}, {"sha512/0", String(1000, '0')}, {"sm3/1", hexOf(sha256)}},
+      {{{"sha1/0", String(20, '0') + '\0' + String(19, '0')}, {"sha256/0", hex(sha256) + "00\n"},
+        {"sm3/0", hex(sha256).substr(2) + "\n"}, {"sha512/0", String(1000, '0')}, {"sm3/1", hex(sha256)}},
        Pcrs(1 << 0 | 1 << 1),
        {{"sha1", {{}, pcrs + "sha1/0 holds characters other than hex digits, not 40 hex digits", ""}},
         {"sha256", {{}, pcrs + "sha256/0 holds 66 characters, not 64 hex digits", ""}},
@@ -117,10 +111,11 @@ TEST_F(PcrValuesSwtpm, ValuesOfEveryEnabledBankAreReadEightAtATime) {
    std::map<String, std::map<std::uint32_t, String>> values;
    String command = "tpm2_pcrextend -T " + tpm.tcti();
    for (std::uint32_t i = 0; i < 17; ++i) {
-      String const event = "event " + std::to_string(i), d1 = digest("SHA1", event), d256 = digest("SHA256", event);
-      values["sha1"][i] = digest("SHA1", String(20, '\0') + d1);
-      values["sha256"][i] = digest("SHA256", String(32, '\0') + d256);
-      command += " " + std::to_string(i) + ":sha1=" + hexOf(d1) + ",sha256=" + hexOf(d256);
+      String const event = "event " + std::to_string(i);
+      String const d1 = hashOf(kAlgSha1, event), d256 = hashOf(kAlgSha256, event);
+      values["sha1"][i] = hashOf(kAlgSha1, String(20, '\0') + d1);
+      values["sha256"][i] = hashOf(kAlgSha256, String(32, '\0') + d256);
+      command += " " + std::to_string(i) + ":sha1=" + hex(d1) + ",sha256=" + hex(d256);
    }
    auto const r = Loom::runCommandForOutput(command + " 2>&1");
    ASSERT_EQ(r.exitCode, 0) << r.output;

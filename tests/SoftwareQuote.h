@@ -27,13 +27,7 @@ struct Boot {
 
 inline Boot bootOf(LogPlan const &plan, std::uint16_t bank) {
    using namespace SentrelEvidence;
-   Boot boot{canonicalEventLogJson(std::get<EventLog>(parseEventLog(writeEventLog(plan)))), {}};
-   auto const replayed = replayedPcrs(plan);
-   for (std::uint32_t pcr = 0; pcr < kPcrCount; ++pcr) {
-      auto const v = replayed.find({bank, pcr});
-      boot.pcrs[pcr] = v != replayed.end() ? v->second : String(tpmAlgorithm(bank)->digestSize, '\0');
-   }
-   return boot;
+   return {canonicalEventLogJson(std::get<EventLog>(parseEventLog(writeEventLog(plan)))), replayedBank(plan, bank)};
 }
 
 // A TPM structure as the TPM writes it.

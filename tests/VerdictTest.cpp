@@ -22,14 +22,7 @@ EventLog parsed(LogPlan const &plan) {
 // 0-23), the rest of each bank's PCRs at zeros.
 TpmPcrs tpmOf(LogPlan const &plan, std::vector<std::uint16_t> const &banks) {
    TpmPcrs tpm;
-   auto const replayed = replayedPcrs(plan);
-   for (auto const id : banks) {
-      auto &bank = tpm.banks[algorithmName(id)];
-      for (std::uint32_t pcr = 0; pcr < kPcrCount; ++pcr) {
-         auto const v = replayed.find({id, pcr});
-         bank.values[pcr] = v != replayed.end() ? v->second : String(tpmAlgorithm(id)->digestSize, '\0');
-      }
-   }
+   for (auto const id : banks) tpm.banks[algorithmName(id)].values = replayedBank(plan, id);
    return tpm;
 }
 
