@@ -30,12 +30,6 @@ struct Row {
 // A hang is killed after this many seconds, and shows as status 137.
 constexpr int kKillAfter = 40;
 
-String shellQuoted(String const &s) {
-   String q = "'";
-   for (char c : s) q += c == '\'' ? String("'\\''") : String(1, c);
-   return q + "'";
-}
-
 class HostileInput : public testing::Test {
  protected:
    HostileInput() {

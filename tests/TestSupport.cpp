@@ -81,13 +81,11 @@ std::vector<String> Recorder::logTexts() const {
    return out;
 }
 
-namespace {
-String quoted(String const &s) {
+String shellQuoted(String const &s) {
    String q = "'";
    for (char c : s) q += c == '\'' ? String("'\\''") : String(1, c);
    return q + "'";
 }
-}  // namespace
 
 String slurp(String const &path) {
    std::ifstream in(path, std::ios::binary);
@@ -97,11 +95,11 @@ String slurp(String const &path) {
 HostRun runHost(std::vector<String> const &args, std::vector<String> const &env, String const &input) {
    TempDir io;
    String cmd = "env";
-   for (auto const &e : env) cmd += " " + quoted(e);
-   cmd += " " + quoted(SENTREL_HOST_PATH) + " --no-syslog";
-   for (auto const &a : args) cmd += " " + quoted(a);
-   cmd += " <" + quoted(io.file("in", input)) + " >" + quoted(io.path() + "/out") + " 2>" +
-          quoted(io.path() + "/err");
+   for (auto const &e : env) cmd += " " + shellQuoted(e);
+   cmd += " " + shellQuoted(SENTREL_HOST_PATH) + " --no-syslog";
+   for (auto const &a : args) cmd += " " + shellQuoted(a);
+   cmd += " <" + shellQuoted(io.file("in", input)) + " >" + shellQuoted(io.path() + "/out") + " 2>" +
+          shellQuoted(io.path() + "/err");
    int const status = std::system(cmd.c_str());
    int const code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
    return {code, slurp(io.path() + "/out"), slurp(io.path() + "/err")};

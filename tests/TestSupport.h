@@ -32,6 +32,8 @@ class TempDir {
 
 // The whole content of a file; empty when there is none.
 String slurp(String const &path);
+// `s` as one word for the shell.
+String shellQuoted(String const &s);
 
 // Puts a directory first in PATH while it lives.
 class PathPrepend {
