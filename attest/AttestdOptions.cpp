@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <sys/stat.h>
+
+#include "attest/Addresses.h"
+#include "evidence/Bytes.h"
 
 namespace SentrelAttestd {
 
@@ -43,28 +45,17 @@ char const *const kUsage =
 
 namespace {
 
-std::optional<std::uint64_t> parseUnsigned(String const &text, int base = 10) {
-   std::uint64_t v = 0;
-   auto const *end = text.data() + text.size();
-   auto const [ptr, ec] = std::from_chars(text.data(), end, v, base);
-   if (text.empty() || ec != std::errc() || ptr != end) return std::nullopt;
-   return v;
-}
-
 std::optional<TPM2_HANDLE> parseHandle(String const &text) {
-   auto const v =
-      text.starts_with("0x") || text.starts_with("0X") ? parseUnsigned(text.substr(2), 16) : parseUnsigned(text);
+   auto const v = SentrelEvidence::numberOfText(text);
    // The owner's persistent range: what TPM2_EvictControl with owner authorization may use.
    if (!v || *v < 0x81000000 || *v > 0x817fffff) return std::nullopt;
    return static_cast<TPM2_HANDLE>(*v);
 }
 
 std::optional<std::chrono::milliseconds> parseSeconds(String const &text) {
-   double seconds = 0;
-   auto const *end = text.data() + text.size();
-   auto const [ptr, ec] = std::from_chars(text.data(), end, seconds, std::chars_format::fixed);
-   if (text.empty() || ec != std::errc() || ptr != end || !(seconds > 0) || seconds > 86400) return std::nullopt;
-   auto const ms = std::llround(seconds * 1000);
+   auto const seconds = SentrelAttest::secondsOf(text);
+   if (!seconds || !(*seconds > 0) || *seconds > 86400) return std::nullopt;
+   auto const ms = std::llround(*seconds * 1000);
    return std::chrono::milliseconds(ms < 1 ? 1 : ms);
 }
 
@@ -100,23 +91,11 @@ std::optional<ListenAddress> parseListenAddress(String const &text) {
    }
    if (a.host.empty() || a.host.find_first_of(" \t\n,/") != String::npos) return std::nullopt;
    if (!port.empty()) {
-      auto const p = parseUnsigned(port);
+      auto const p = SentrelEvidence::unsignedOf(port);
       if (!p || *p > 65535) return std::nullopt;
       a.port = static_cast<std::uint16_t>(*p);
    }
    return a;
-}
-
-bool isLoopback(ListenAddress const &address) {
-   String const &h = address.host;
-   if (h == "localhost") return true;
-   in_addr v4{};
-   if (inet_pton(AF_INET, h.c_str(), &v4) == 1) return (ntohl(v4.s_addr) >> 24) == 127;
-   in6_addr v6{};
-   if (h.size() > 2 && h.front() == '[' && inet_pton(AF_INET6, h.substr(1, h.size() - 2).c_str(), &v6) == 1) {
-      return IN6_IS_ADDR_LOOPBACK(&v6);
-   }
-   return false;
 }
 
 Options parseOptions(int argc, char const *const *argv) {
@@ -165,7 +144,7 @@ Options parseOptions(int argc, char const *const *argv) {
          o.commandTimeout = *t;
       } else if (arg == "--max-queued") {
          String const text = value();
-         auto const n = parseUnsigned(text);
+         auto const n = SentrelEvidence::unsignedOf(text);
          if (!n || *n > 4096) throw UsageError("--max-queued takes a number from 0 to 4096, not '" + text + "'");
          o.maxQueued = static_cast<std::size_t>(*n);
       } else if (arg == "--no-syslog") {
@@ -211,7 +190,7 @@ Options parseOptions(int argc, char const *const *argv) {
    if (o.action != Action::Serve) return o;
    if (o.tlsCert.has_value() != o.tlsKey.has_value()) throw UsageError("--tls-cert and --tls-key go together");
    if (o.tlsClientCa && !o.tlsCert) throw UsageError("--tls-client-ca needs --tls-cert and --tls-key");
-   if (!o.tlsCert && !isLoopback(o.listen)) {
+   if (!o.tlsCert && !SentrelAttest::isLoopback(o.listen.host)) {
       throw UsageError("without --tls-cert and --tls-key, quotes are served on a loopback address only, not on " +
                        o.listen.text() + ": give the service a certificate, or --listen 127.0.0.1");
    }

@@ -31,8 +31,6 @@ struct ListenAddress {
 // "HOST:PORT", "[IPV6]:PORT", or the host alone for the default port; none
 // when it is anything else.
 std::optional<ListenAddress> parseListenAddress(String const &text);
-// Whether only this machine reaches `address`: localhost, 127.0.0.0/8, ::1.
-bool isLoopback(ListenAddress const &address);
 
 enum class Action { Serve, CreateAk, PrintAk, Version, Help };
 

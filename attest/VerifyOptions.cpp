@@ -1,9 +1,8 @@
 #include "attest/VerifyOptions.h"
 
-#include <arpa/inet.h>
-#include <charconv>
 #include <cmath>
 
+#include "attest/Addresses.h"
 #include "host/UsageError.h"
 
 namespace SentrelAttest {
@@ -50,10 +49,9 @@ char const *const kVerifyUsage =
 namespace {
 
 std::optional<unsigned> number(std::string_view text, unsigned max) {
-   unsigned n = 0;
-   auto const [end, ec] = std::from_chars(text.data(), text.data() + text.size(), n);
-   if (text.empty() || ec != std::errc() || end != text.data() + text.size() || n > max) return std::nullopt;
-   return n;
+   auto const n = unsignedOf(text);
+   if (!n || *n > max) return std::nullopt;
+   return static_cast<unsigned>(*n);
 }
 
 }  // namespace
@@ -88,16 +86,6 @@ std::optional<std::pair<String, unsigned>> splitAddress(String const &address) {
    if (!bracketed && host.find(':') != String::npos) return std::nullopt;
    if (host.find_first_of(" \t\r\n/,") != String::npos) return std::nullopt;
    return std::pair{host, *port};
-}
-
-bool isLoopback(String const &host) {
-   if (host == "localhost") return true;
-   if (host.size() > 2 && host.front() == '[') {
-      in6_addr a{};
-      return inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &a) == 1 && IN6_IS_ADDR_LOOPBACK(&a);
-   }
-   in_addr a{};
-   return inet_pton(AF_INET, host.c_str(), &a) == 1 && (ntohl(a.s_addr) >> 24) == 127;
 }
 
 bool isSwitchName(String const &name) {
@@ -159,13 +147,11 @@ VerifyOptions parseVerifyOptions(int argc, char **argv) {
          o.jobs = *n;
       } else if (arg == "--timeout") {
          String const v = value();
-         double seconds = 0;
-         auto const [end, ec] = std::from_chars(v.data(), v.data() + v.size(), seconds);
-         if (ec != std::errc() || end != v.data() + v.size() || !std::isfinite(seconds) || seconds < 0.001 ||
-             seconds > 3600) {
+         auto const seconds = secondsOf(v);
+         if (!seconds || *seconds < 0.001 || *seconds > 3600) {
             throw UsageError("--timeout takes seconds from 0.001 to 3600, not '" + v + "'");
          }
-         o.timeout = std::chrono::milliseconds(static_cast<long>(std::llround(seconds * 1000)));
+         o.timeout = std::chrono::milliseconds(static_cast<long>(std::llround(*seconds * 1000)));
       } else if (arg == "--format") {
          o.format = SentrelHost::formatNamed(value());
       } else if (arg == "--output") {

@@ -50,9 +50,6 @@ PcrSet parsePcrList(String const &text);
 // HOST:PORT, [IPv6]:PORT: the host (brackets kept) and the port; none when
 // it is not an address.
 std::optional<std::pair<String, unsigned>> splitAddress(String const &address);
-// Whether `host` (as splitAddress gives it) is this machine's loopback:
-// localhost, 127.0.0.0/8, ::1.
-bool isLoopback(String const &host);
 
 // A switch's name as reports, metrics and --save's file names carry it:
 // letters, digits, '.', '_', '-' and ':', not starting with '.' or '-'.

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "Sentrel/platform/ReadFile.h"
+#include "attest/Addresses.h"
 #include "attest/Inventory.h"
 #include "evidence/Cel.h"
 #include "host/UsageError.h"

@@ -20,6 +20,22 @@ inline std::uint64_t littleEndian(std::string_view bytes) {
    return v;
 }
 
+// The unsigned number that `text` is, whole, in `base`; none for any other
+// text (a sign, a blank, nothing at all).
+inline std::optional<std::uint64_t> unsignedOf(std::string_view text, int base = 10) {
+   std::uint64_t n = 0;
+   auto const *end = text.data() + text.size();
+   auto const [ptr, ec] = std::from_chars(text.data(), end, n, base);
+   if (text.empty() || ec != std::errc() || ptr != end) return std::nullopt;
+   return n;
+}
+
+// A number as logs and people write it: in decimal, or in hex after 0x.
+inline std::optional<std::uint64_t> numberOfText(std::string_view text) {
+   bool const hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+   return hex ? unsignedOf(text.substr(2), 16) : unsignedOf(text);
+}
+
 // Lower-case hex of raw bytes.
 String hexOf(std::string_view bytes);
 // The bytes that hex text (either case, no separators) stands for; none

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <charconv>
 #include <optional>
 
 #include "evidence/Cel.h"
@@ -16,20 +15,6 @@ String lowerCase(std::string_view s) {
    String out(s);
    for (char &c : out) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
    return out;
-}
-
-// A number written as text, in decimal or with 0x in hex; none for any
-// other text.
-std::optional<std::uint64_t> numberOfText(std::string_view text) {
-   int base = 10;
-   if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-      text.remove_prefix(2);
-      base = 16;
-   }
-   std::uint64_t n = 0;
-   auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), n, base);
-   if (text.empty() || error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-   return n;
 }
 
 // CEL's own number of the PC Client content type, for a file that gives numbers.

@@ -12,6 +12,7 @@
 
 #include "Sentrel/platform/RunCommand.h"
 #include "TestSupport.h"
+#include "attest/Addresses.h"
 #include "attest/Inventory.h"
 #include "attest/ResponseJson.h"
 #include "attest/TrustAnchors.h"
